@@ -1,0 +1,44 @@
+#include "MethodFrame.h"
+
+#include "KALDO/CErrorInfo.h"
+#include "KALDO/CStringUtils.h"
+
+namespace ImplVm {
+
+int Record(int code, const char* file, int line) {
+    if (code >= 0) return KALDO::CErrorInfo::addIfError(code, L"", line);
+    const std::wstring wideFile = KALDO::CStringUtils::StringToWString(std::string(file));
+    return KALDO::CErrorInfo::addIfError(code, wideFile.c_str(), line);
+}
+
+int ReadInput(const KALDO::typeProperty* inputs, const wchar_t* key, std::wstring& value) {
+    return inputs->lookupString(key, value);
+}
+
+void WriteVmList(KALDO::typeProperty* outputs, const std::vector<std::wstring>& ids) {
+    KALDO::typeProperty list;
+    list.changeTypeToVec();
+    for (const std::wstring& id : ids) {
+        KALDO::typeProperty item;
+        item.setVal(id);
+        list.addVecVal(item);
+    }
+    outputs->addSubTree(L"VMs", list);
+}
+
+int CopyDescription(const KALDO::typeProperty& description,
+                    std::initializer_list<const wchar_t*> keys, KALDO::typeProperty* outputs,
+                    const char* file, int line) {
+    std::vector<KALDO::typeProperty> values(keys.size());
+    size_t i = 0;
+    for (const wchar_t* key : keys) {
+        const int rc = description.getMapVal(key, values[i]);
+        if (rc < 0) return Record(Propagate(rc), file, line + static_cast<int>(i));
+        ++i;
+    }
+    i = 0;
+    for (const wchar_t* key : keys) outputs->addSubTree(key, values[i++]);
+    return 0;
+}
+
+}  // namespace ImplVm

@@ -1,0 +1,41 @@
+// What every method function does the same way: reading a string input,
+// the code propagation rule, recording failures against the source file
+// that detected them, and building the shared result shapes. Adapters use
+// these; none repeats them.
+#pragma once
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "KALDO/typeProperty.h"
+
+namespace ImplVm {
+
+// Of a callee's failure codes only "refused" (-4) and "locked" (-32) reach
+// the host as they are; every other negative code becomes -1.
+constexpr int Propagate(int code) { return (code == -4 || code == -32) ? code : -1; }
+
+// Records `code` (when negative) against the wide form of `file` and `line`;
+// returns what the error log returns, i.e. `code`.
+int Record(int code, const char* file, int line);
+
+// Reads a string input with the tree's virtual string lookup; the lookup's
+// own code is returned (negative when the key is missing).
+int ReadInput(const KALDO::typeProperty* inputs, const wchar_t* key, std::wstring& value);
+
+// Writes `ids` as the "VMs" vector of string values, also when empty.
+void WriteVmList(KALDO::typeProperty* outputs, const std::vector<std::wstring>& ids);
+
+// Copies `keys` from a VM description to the outputs, in order, only when
+// every key is there. The first missing key is recorded (propagated) at
+// file/line and its code returned; nothing is written then.
+int CopyDescription(const KALDO::typeProperty& description,
+                    std::initializer_list<const wchar_t*> keys, KALDO::typeProperty* outputs,
+                    const char* file, int line);
+
+}  // namespace ImplVm
+
+// Record a code as it is / after the propagation rule, at the current line.
+#define IMPLVM_RECORD(code) ::ImplVm::Record((code), __FILE__, __LINE__)
+#define IMPLVM_FAIL(code) ::ImplVm::Record(::ImplVm::Propagate(code), __FILE__, __LINE__)

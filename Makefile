@@ -1,0 +1,35 @@
+# The two commands of the README: `make demo` and `make test`.
+# Both install what is missing, configure, build and run.
+
+.PHONY: all deps build test test-asan test-tsan demo bench fuzz format clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	cmake --preset default >/dev/null
+	cmake --build --preset default
+
+test: build
+	ctest --preset default
+
+test-asan: deps
+	cmake --preset asan >/dev/null
+	cmake --build --preset asan
+	ctest --preset asan
+
+test-tsan: deps
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan
+	ctest --preset tsan
+
+demo: build
+	scripts/demo
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	rm -rf build build-asan build-tsan build-bench build-fuzz

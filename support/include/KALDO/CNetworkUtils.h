@@ -1,0 +1,28 @@
+// The machine's network interfaces.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "KALDO/Export.h"
+#include "KALDO/typeProperty.h"
+
+namespace KALDO {
+
+class KALDO_API CNetworkUtils {
+public:
+    // One record (a map) per network interface that has a hardware address
+    // slot (loopback and tunnels without one are left out), in the system's
+    // order, appended to `devices`: "Name" (interface name) and, where it
+    // could be read, "HardwareAddress" (raw form). In a machine root, one
+    // record per `nic` line of .machine, in file order.
+    static int GetNetworkDevices(std::vector<typeProperty>& devices);
+
+    // The hardware address of one interface record as upper-case hexadecimal
+    // pairs separated by colons ("08:00:27:AA:BB:CC"). kNotFound when the
+    // record has no readable address, kInvalidArgument when it is not an
+    // interface record.
+    static int GetMACAddress(const typeProperty& device, std::wstring& mac);
+};
+
+}  // namespace KALDO

@@ -1,0 +1,53 @@
+// Running tools and looking at running processes. No shell is ever involved:
+// a tool gets its arguments as separate strings, byte for byte.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "KALDO/Export.h"
+
+namespace KALDO {
+
+class KALDO_API CProcessUtils {
+public:
+    // Runs `tool` (an absolute path, taken inside the machine root, or a bare
+    // name searched on the machine's tool folders / PATH) with `args`, waits
+    // for it and stores its exit status in exitCode (128 + signal number for
+    // a tool killed by a signal).
+    //   out:   standard output, decoded from UTF-8 (replaced), when not null;
+    //   err:   standard error (replaced) when not null; when err is null,
+    //          standard error is merged into *out in arrival order;
+    //   third: when not null, a one-line diagnostic of the run (the reason a
+    //          tool could not be started, or that it was killed).
+    // Returns 0 when the tool ran to its end (whatever its exit status);
+    // kNotFound when the tool does not exist, kAccessDenied when it cannot be
+    // executed, kTimedOut when it ran past the limit (KALDO_TOOL_TIMEOUT
+    // seconds, default 300) and was killed, kFailed for other start or wait
+    // failures. The tool runs with an English UTF-8 locale, with KALDO_ROOT
+    // in its environment when a machine root is set, and inherits no
+    // descriptor but its three standard streams; its standard input is
+    // /dev/null. No child is left unreaped.
+    static int ExecuteSafeToText(const std::wstring& tool, const std::vector<std::wstring>& args,
+                                 int& exitCode, std::wstring* out, std::wstring* err,
+                                 std::wstring* third);
+
+    // The text of "/bin/ps" run with `options` (the module passes "wwax") as
+    // its single argument. Negative when ps cannot be run or exits non-zero.
+    static int GetProcessListing_MAC(std::wstring& listing, const std::string& options);
+
+    // Looks for a running process by name in the "wwax" listing.
+    //   exactName false: the first listing line (after the header) whose
+    //                    command text contains `name`;
+    //   exactName true:  the first line whose command's program name (the
+    //                    last path component of its first word) equals name;
+    //   matchFullCommand: with false, only the program path (first word of
+    //                    the command) is searched; with true, the whole
+    //                    command line.
+    // Sets pid and returns 0 when found; returns 0 with pid untouched when
+    // not found; negative when the listing cannot be had.
+    static int GetProcessIdByName(const std::wstring& name, int& pid, bool exactName,
+                                  bool matchFullCommand);
+};
+
+}  // namespace KALDO

@@ -1,0 +1,35 @@
+// Fault injection: make a named CoreUtils operation fail on purpose.
+//
+// Spec text: "Operation[@subject]=code;Operation[@subject]=code;..." where
+// Operation is the name of an operation (e.g. ReadFromTextFile,
+// ExecuteSafeToText, GetCurrentLoggedInUserInfo, GetNetworkDevices,
+// GetMACAddress), subject is a path or tool exactly as the caller passes it
+// (before the machine root is applied; for GetMACAddress the interface name),
+// and code is the negative integer to return. Without a subject the failpoint
+// fires for every call of the operation. The failing operation does nothing
+// else.
+//
+// Read from KALDO_FAILPOINTS when the library is first used; Set() replaces
+// it. When no failpoint is set, a check costs one atomic load.
+#pragma once
+
+#include <string>
+
+#include "KALDO/Export.h"
+
+namespace KALDO {
+
+class KALDO_API CFailpoints {
+public:
+    // Replaces the active failpoints. kInvalidArgument (and no change) when
+    // the text is malformed.
+    static int Set(const std::string& spec);
+    static void Clear();
+
+    // True (and the code in `code`) when operation `op` should fail for
+    // `subject`. Used by every CoreUtils operation at its start.
+    static bool Check(const char* op, const std::wstring& subject, int& code);
+    static bool Check(const char* op, int& code);
+};
+
+}  // namespace KALDO
