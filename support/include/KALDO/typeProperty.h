@@ -27,7 +27,7 @@
 namespace KALDO {
 
 class KALDO_API typeProperty {
-public:
+  public:
     enum class Kind { Empty, String, Integer, Map, Vector };
 
     typeProperty();
@@ -98,6 +98,10 @@ public:
     int getMapVal(const std::wstring& key, int& value) const;
     int getMapVal(const std::wstring& key, std::vector<typeProperty>& values) const;
 
+    // The value under key without copying it: nullptr when the key is missing
+    // or this is not a map. Valid until the map is next changed.
+    const typeProperty* findMapVal(const std::wstring& key) const;
+
     // The keys of a map value, in insertion order (replaces `keys`).
     // kInvalidArgument when this is not a map (an empty value gives no keys
     // and 0).
@@ -122,7 +126,7 @@ public:
     bool operator==(const typeProperty& other) const;
     bool operator!=(const typeProperty& other) const { return !(*this == other); }
 
-private:
+  private:
     struct MapData;
     void makeMapIfEmpty();
     MapData* map_();
