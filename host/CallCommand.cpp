@@ -1,0 +1,100 @@
+// implvm call: one method call, printed as one JSON document.
+#include <cctype>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "KALDO/CStringUtils.h"
+
+namespace implvm {
+
+namespace {
+
+struct CallOptions {
+    std::string method;
+    std::string productVersion;
+    std::vector<std::string> inputPairs;
+    std::string inputJson;
+    CLI::Option* inputJsonOption = nullptr;
+};
+
+// The input tree: the --in-json object first, then each --in pair on top (a
+// key given both ways keeps its place and takes the --in value).
+KALDO::typeProperty BuildInputs(const CallOptions& options) {
+    KALDO::typeProperty inputs;
+    inputs.changeTypeToMap();
+    if (options.inputJsonOption->count() > 0) {
+        Json json;
+        try {
+            json = Json::parse(options.inputJson);
+        } catch (const Json::parse_error& e) {
+            throw UsageError(std::string("--in-json: not valid JSON: ") + e.what());
+        }
+        if (!json.is_object())
+            throw UsageError("--in-json: expected a JSON object of inputs, got " +
+                             std::string(json.type_name()));
+        try {
+            inputs = JsonToTree(json);
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(std::string("--in-json: ") + e.what());
+        }
+    }
+    for (const std::string& pair : options.inputPairs) {
+        const size_t equals = pair.find('=');
+        if (equals == std::string::npos || equals == 0)
+            throw UsageError("--in: expected KEY=VALUE, got '" + pair + "'");
+        inputs.addMapVal(KALDO::CStringUtils::StringToWString(pair.substr(0, equals)),
+                         KALDO::CStringUtils::StringToWString(pair.substr(equals + 1)));
+    }
+    return inputs;
+}
+
+void RunCall(const CallOptions& options, Host& host) {
+    const KALDO::typeProperty inputs = BuildInputs(options);
+    if (options.productVersion.empty() == false &&
+        !std::isdigit(static_cast<unsigned char>(options.productVersion.front())))
+        throw UsageError("--product-version: expected a version such as 5.0.3, got '" +
+                         options.productVersion + "'");
+
+    const Module& module = host.module();
+    if (!module.hasMethod(options.method))
+        throw UsageError("unknown method '" + options.method +
+                         "' (implvm methods lists the module's methods)");
+
+    const CallOutcome outcome = module.call(options.method, inputs, options.productVersion);
+    std::cout << OutcomeToJson(outcome).dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+    host.setExitStatus(ExitStatusFor(outcome.result));
+}
+
+}  // namespace
+
+void AddCallCommand(CLI::App& app, Host& host) {
+    auto options = std::make_shared<CallOptions>();
+    CLI::App* call = app.add_subcommand(
+        "call",
+        "Call one method function and print {\"result\", \"outputs\", \"errors\"} as JSON.");
+    call->add_option("METHOD", options->method,
+                     "The method function, e.g. "
+                     "VirtualMachineImpl_Common_GetModuleVersion")
+        ->required();
+    call->add_option("--product-version", options->productVersion,
+                     "The installed product's version handed to the method (default: none)")
+        ->type_name("X.Y.Z");
+    call->add_option("--in", options->inputPairs, "A string input (repeatable)")
+        ->type_name("KEY=VALUE")
+        ->allow_extra_args(false);
+    options->inputJsonOption =
+        call->add_option("--in-json", options->inputJson,
+                         "Inputs as a JSON object: strings, integers, objects and arrays become "
+                         "the matching tree kinds")
+            ->type_name("JSON");
+    call->footer(
+        "Outputs: integers as numbers, strings as strings, maps as objects in insertion order, "
+        "vectors as arrays; an output tree the method never touched is null.\n\n" +
+        app.get_footer());
+    call->callback([options, &host] { RunCall(*options, host); });
+}
+
+}  // namespace implvm

@@ -1,0 +1,44 @@
+#include <stdlib.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include "Commands.h"
+#include "KALDO/Failpoints.h"
+#include "KALDO/MachineRoot.h"
+
+namespace implvm {
+
+void Host::applyGlobalOptions() {
+    if (options_.rootOption != nullptr && options_.rootOption->count() > 0) {
+        // An empty --root means the real machine, whatever KALDO_ROOT says.
+        std::string root;
+        if (!options_.root.empty()) {
+            std::error_code error;
+            const std::filesystem::path folder = std::filesystem::canonical(options_.root, error);
+            if (error || !std::filesystem::is_directory(folder, error))
+                throw UsageError("--root: no such folder: " + options_.root);
+            root = folder.string();
+        }
+        KALDO::CMachineRoot::Set(root);
+        if (root.empty())
+            ::unsetenv("KALDO_ROOT");
+        else
+            ::setenv("KALDO_ROOT", root.c_str(), 1);
+    }
+    if (options_.failOption != nullptr && options_.failOption->count() > 0 &&
+        KALDO::CFailpoints::Set(options_.failpoints) < 0)
+        throw UsageError("--fail: malformed failpoints '" + options_.failpoints +
+                         "' (expected Operation[@path-or-tool]=code;...)");
+}
+
+const Module& Host::module() {
+    if (!module_) {
+        const bool given = options_.moduleOption != nullptr && options_.moduleOption->count() > 0;
+        module_ =
+            std::make_unique<Module>(given ? options_.modulePath : Module::DefaultPath(argv0_));
+    }
+    return *module_;
+}
+
+}  // namespace implvm

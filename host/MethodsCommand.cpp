@@ -1,0 +1,16 @@
+// implvm methods: the method functions the loaded module exports.
+#include <iostream>
+
+#include "Commands.h"
+
+namespace implvm {
+
+void AddMethodsCommand(CLI::App& app, Host& host) {
+    CLI::App* methods = app.add_subcommand(
+        "methods", "List the method functions the module exports, one per line.");
+    methods->callback([&host] {
+        for (const std::string& name : host.module().methods()) std::cout << name << '\n';
+    });
+}
+
+}  // namespace implvm

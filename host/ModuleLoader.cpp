@@ -1,0 +1,150 @@
+#include "ModuleLoader.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+
+#include "ElfSymbols.h"
+#include "KALDO/CSoftwareVersion.h"
+#include "KALDO/CStringUtils.h"
+#include "MethodNames.h"
+
+namespace implvm {
+
+namespace {
+
+#ifdef __APPLE__
+constexpr const char* kModuleFileName = "libImplVirtualMachine.dylib";
+#else
+constexpr const char* kModuleFileName = "libImplVirtualMachine.so";
+#endif
+
+bool IsKnownMethod(const std::string& name) {
+    return std::find(std::begin(kMethodNames), std::end(kMethodNames), name) !=
+           std::end(kMethodNames);
+}
+
+std::string RealPath(const std::string& path) {
+    char resolved[PATH_MAX];
+    return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : std::string();
+}
+
+// The running binary's own path, "" when it cannot be found.
+std::string ExecutablePath(const char* argv0) {
+    const std::string self = RealPath("/proc/self/exe");
+    if (!self.empty() || argv0 == nullptr || *argv0 == '\0') return self;
+    const std::string name = argv0;
+    if (name.find('/') != std::string::npos) return RealPath(name);
+    const char* searchPath = ::getenv("PATH");
+    std::string_view folders = searchPath != nullptr ? searchPath : "";
+    while (!folders.empty()) {
+        const size_t colon = folders.find(':');
+        const std::string folder(folders.substr(0, colon));
+        folders = colon == std::string_view::npos ? std::string_view() : folders.substr(colon + 1);
+        const std::string candidate = (folder.empty() ? "." : folder) + "/" + name;
+        if (::access(candidate.c_str(), X_OK) == 0) return RealPath(candidate);
+    }
+    return "";
+}
+
+// The records the error log gained since a mark, also when the log was
+// full and dropped old ones meanwhile.
+class ErrorLogMark {
+  public:
+    ErrorLogMark()
+        : size_(KALDO::CErrorInfo::getErrors().size()),
+          dropped_(KALDO::CErrorInfo::droppedCount()) {}
+
+    std::vector<KALDO::ErrorRecord> added() const {
+        std::vector<KALDO::ErrorRecord> now = KALDO::CErrorInfo::getErrors();
+        // Records ever logged = held + dropped; a log cleared meanwhile
+        // holds only new ones.
+        const size_t before = size_ + dropped_;
+        const size_t after = now.size() + KALDO::CErrorInfo::droppedCount();
+        const size_t count = after >= before ? std::min(after - before, now.size()) : now.size();
+        now.erase(now.begin(), now.end() - static_cast<std::ptrdiff_t>(count));
+        return now;
+    }
+
+  private:
+    size_t size_;
+    size_t dropped_;
+};
+
+}  // namespace
+
+Json ErrorsToJson(const std::vector<KALDO::ErrorRecord>& errors) {
+    Json list = Json::array();
+    for (const KALDO::ErrorRecord& record : errors)
+        list.push_back({{"code", record.code},
+                        {"file", KALDO::CStringUtils::WStringToString(record.file)},
+                        {"line", record.line}});
+    return list;
+}
+
+Json OutcomeToJson(const CallOutcome& outcome) {
+    return Json{{"result", outcome.result},
+                {"outputs", TreeToJson(outcome.outputs)},
+                {"errors", ErrorsToJson(outcome.errors)}};
+}
+
+std::string Module::DefaultPath(const char* argv0) {
+    const std::string binary = ExecutablePath(argv0);
+    const std::filesystem::path folder = binary.empty()
+                                             ? std::filesystem::current_path()
+                                             : std::filesystem::path(binary).parent_path();
+    return (folder / ".." / "lib" / kModuleFileName).lexically_normal().string();
+}
+
+Module::Module(const std::string& path) : path_(path) {
+    ::dlerror();
+    handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle_ == nullptr) {
+        const char* reason = ::dlerror();
+        throw ModuleError("cannot load module " + path + ": " +
+                          (reason != nullptr ? reason : "unknown reason"));
+    }
+}
+
+Module::~Module() {
+    if (handle_ != nullptr) ::dlclose(handle_);
+}
+
+bool Module::hasMethod(const std::string& name) const {
+    return IsKnownMethod(name) && ::dlsym(handle_, name.c_str()) != nullptr;
+}
+
+std::vector<std::string> Module::methods() const {
+    const ElfExports exports = ReadElfExports(path_);
+    std::vector<std::string> names;
+    for (const char* name : kMethodNames) {
+        const bool exported =
+            exports.ok() ? exports.functions.count(name) != 0 : ::dlsym(handle_, name) != nullptr;
+        if (exported) names.emplace_back(name);
+    }
+    return names;
+}
+
+CallOutcome Module::call(const std::string& name, const KALDO::typeProperty& inputs,
+                         const std::string& versionText) const {
+    if (!IsKnownMethod(name)) throw ModuleError("'" + name + "' is not a method function");
+    auto* method = reinterpret_cast<ImplVmMethod*>(::dlsym(handle_, name.c_str()));
+    if (method == nullptr) throw ModuleError("the module does not export " + name);
+
+    std::optional<KALDO::CSoftwareVersion> version;
+    if (!versionText.empty()) version.emplace(versionText);
+
+    CallOutcome outcome;
+    const ErrorLogMark mark;
+    outcome.result = method(0, 0, 0, version ? &*version : nullptr, &inputs, &outcome.outputs);
+    outcome.errors = mark.added();
+    return outcome;
+}
+
+}  // namespace implvm
