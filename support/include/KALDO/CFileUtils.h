@@ -24,8 +24,9 @@ public:
 
     // The whole file decoded from UTF-8 into `text` (replaced). A leading
     // UTF-8 byte-order mark is dropped; invalid bytes become U+FFFD; NUL
-    // bytes are kept as U+0000. A file too large to hold gives kTooLarge.
-    // On failure `text` is left as it was.
+    // bytes are kept as U+0000. A file too large to hold (over 1 GiB) gives
+    // kTooLarge; anything but a regular file (folder, FIFO, device) gives
+    // kInvalidArgument. On failure `text` is left as it was.
     static int ReadFromTextFile(const std::wstring& path, std::wstring& text);
 
     // Bare names of the entries of a folder (no "." or ".."), sorted by their
@@ -36,7 +37,8 @@ public:
     //   recursive: descend into sub-folders (names then carry their relative
     //              path, "sub/name");
     //   typeMask:  which entries to list: 0 every kind; else a sum of
-    //              16 (folders) and 32 (regular files and links to them);
+    //              16 (folders and links to them) and 32 (regular files and
+    //              links to them); links to folders are never walked into;
     //   maxDepth:  with recursive, how deep (0: no limit);
     //   fullPaths: 0 for names relative to `path`, 1 for `path` + "/" + name.
     // Sorted as GetDirectoryList. `path` is not changed.

@@ -1,12 +1,15 @@
 // Fault injection: make a named CoreUtils operation fail on purpose.
 //
-// Spec text: "Operation[@subject]=code;Operation[@subject]=code;..." where
+// Syntax: "Operation[@subject]=code;Operation[@subject]=code;..." where
 // Operation is the name of an operation (e.g. ReadFromTextFile,
 // ExecuteSafeToText, GetCurrentLoggedInUserInfo, GetNetworkDevices,
 // GetMACAddress), subject is a path or tool exactly as the caller passes it
-// (before the machine root is applied; for GetMACAddress the interface name),
-// and code is the negative integer to return. Without a subject the failpoint
-// fires for every call of the operation. The failing operation does nothing
+// (before the machine root is applied; for GetMACAddress the interface name,
+// for ParseSubstringFromStringEx the begin marker), and code is the negative
+// integer to return. The subject runs from the first "@" to the last "=" of
+// its rule, so it may hold blanks and "="; only ";" cannot occur in it.
+// Without a subject the failpoint fires for every call of the operation; when
+// several rules match, the first wins. The failing operation does nothing
 // else.
 //
 // Read from KALDO_FAILPOINTS when the library is first used; Set() replaces

@@ -27,7 +27,7 @@
 namespace KALDO {
 
 class KALDO_API typeProperty {
-  public:
+public:
     enum class Kind { Empty, String, Integer, Map, Vector };
 
     typeProperty();
@@ -126,7 +126,7 @@ class KALDO_API typeProperty {
     bool operator==(const typeProperty& other) const;
     bool operator!=(const typeProperty& other) const { return !(*this == other); }
 
-  private:
+private:
     struct MapData;
     void makeMapIfEmpty();
     MapData* map_();
