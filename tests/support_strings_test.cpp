@@ -286,4 +286,20 @@ TEST(ParseEx, FailpointByBeginMarker) {
     KALDO::CFailpoints::Clear();
 }
 
+TEST(Parse, MarkersFoldAsciiCaseValuesStayAsWritten) {
+    const std::wstring text =
+        L"DISPLAYNAME = \"Fedora\"\nGUESTOS = \"RHEL5\"\n<VmName>\u00C9x</VMNAME>";
+    EXPECT_EQ(CStringUtils::ParseSubstringFromString(text, L"", L"guestOS = \"", L"\"\n", nullptr),
+              L"RHEL5");
+    EXPECT_EQ(CStringUtils::ExtractStringBetween(text, L"displayname = \"", L"\""), L"Fedora");
+    std::vector<std::wstring> all;
+    EXPECT_EQ(
+        CStringUtils::ParseSubstringFromStringEx(text, all, L"", L"<vmname>", L"</VmName>", 0, 0),
+        1);
+    EXPECT_EQ(all, (std::vector<std::wstring>{L"\u00C9x"}));
+    // Only ASCII letters fold.
+    EXPECT_EQ(CStringUtils::ParseSubstringFromString(L"\u00E9=1;", L"", L"\u00C9=", L";", nullptr),
+              L"");
+}
+
 }  // namespace

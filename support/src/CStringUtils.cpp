@@ -22,14 +22,33 @@ struct Match {
     size_t end() const { return pos + length; }
 };
 
-// Matches `marker` at `at` in text, each line feed of the marker also
-// accepting "\r\n". Returns the end of the match or npos.
+wchar_t AsciiLower(wchar_t c) {
+    return (c >= L'A' && c <= L'Z') ? c + (L'a' - L'A') : c;
+}
+
+// The first position at or after `from` where marker occurs, ASCII letters
+// compared without regard to case.
+size_t FindFolded(std::wstring_view text, std::wstring_view marker, size_t from) {
+    if (marker.empty()) return from <= text.size() ? from : npos;
+    if (marker.size() > text.size()) return npos;
+    const wchar_t first = AsciiLower(marker[0]);
+    for (size_t pos = from; pos + marker.size() <= text.size(); ++pos) {
+        if (AsciiLower(text[pos]) != first) continue;
+        size_t i = 1;
+        while (i < marker.size() && AsciiLower(text[pos + i]) == AsciiLower(marker[i])) ++i;
+        if (i == marker.size()) return pos;
+    }
+    return npos;
+}
+
+// Matches `marker` at `at` in text, ASCII letters folded, each line feed of
+// the marker also accepting "\r\n". Returns the end of the match or npos.
 size_t MatchTolerant(std::wstring_view text, size_t at, std::wstring_view marker) {
     for (const wchar_t m : marker) {
         if (at >= text.size()) return npos;
         if (m == L'\n' && text[at] == L'\r' && at + 1 < text.size() && text[at + 1] == L'\n')
             at += 2;
-        else if (text[at] == m)
+        else if (AsciiLower(text[at]) == AsciiLower(m))
             ++at;
         else
             return npos;
@@ -38,18 +57,19 @@ size_t MatchTolerant(std::wstring_view text, size_t at, std::wstring_view marker
 }
 
 // The first match of marker in text at or after `from`. Markers without a
-// line feed (nearly all of them) take the plain search; the others anchor on
+// line feed (nearly all of them) take the direct search; the others anchor on
 // their first line-feed-free piece and verify the rest in place.
 Match FindMarker(std::wstring_view text, std::wstring_view marker, size_t from) {
     if (from > text.size()) return {};
     const size_t lf = marker.find(L'\n');
     if (lf == npos) {
-        const size_t pos = text.find(marker, from);
+        const size_t pos = FindFolded(text, marker, from);
         return pos == npos ? Match{} : Match{pos, marker.size()};
     }
     if (lf > 0) {
         const std::wstring_view head = marker.substr(0, lf);
-        for (size_t pos = text.find(head, from); pos != npos; pos = text.find(head, pos + 1)) {
+        for (size_t pos = FindFolded(text, head, from); pos != npos;
+             pos = FindFolded(text, head, pos + 1)) {
             const size_t end = MatchTolerant(text, pos, marker);
             if (end != npos) return {pos, end - pos};
         }
@@ -89,10 +109,6 @@ Value FindValue(std::wstring_view text, std::wstring_view beginMarker, std::wstr
 bool IsTrimSpace(wchar_t c) {
     return c == L' ' || c == L'\t' || c == L'\n' || c == L'\r' || c == L'\v' || c == L'\f' ||
            c == 0xA0;
-}
-
-wchar_t AsciiLower(wchar_t c) {
-    return (c >= L'A' && c <= L'Z') ? c + (L'a' - L'A') : c;
 }
 
 bool SameText(std::wstring_view a, std::wstring_view b, signed char flag) {

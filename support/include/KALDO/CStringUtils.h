@@ -4,10 +4,17 @@
 //
 // Marker matching (ParseSubstringFromString, ParseSubstringFromStringEx,
 // ExtractStringBetween, ExtractStringBetweenEnhance): markers are matched
-// literally and case-sensitively, with one tolerance for files written on
-// other systems: a line feed in a marker also matches a carriage return +
-// line feed pair in the text. (The value cut out never includes that carriage
-// return.)
+// literally, with two tolerances for files written by hand or on other
+// systems:
+//  - ASCII letters match without regard to case ("displayName = \"" finds
+//    DISPLAYNAME = "..."), because VMware reads .vmx and inventory keys in
+//    any case and hand-edited files use every spelling. Other characters,
+//    non-ASCII letters included, must be equal. Machine-written XML tags and
+//    report labels have one spelling each, so folding finds the same text
+//    there.
+//  - a line feed in a marker also matches a carriage return + line feed pair
+//    in the text. (The value cut out never includes that carriage return.)
+// The value cut out is returned exactly as it stands in the text.
 #pragma once
 
 #include <cstddef>
