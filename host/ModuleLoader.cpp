@@ -102,12 +102,15 @@ std::string Module::DefaultPath(const char* argv0) {
     return (folder / ".." / "lib" / kModuleFileName).lexically_normal().string();
 }
 
-Module::Module(const std::string& path) : path_(path) {
+Module::Module(const std::string& path)
+    // A bare file name means the one in the current folder, not a search of
+    // the system's library folders.
+    : path_(path.find('/') == std::string::npos ? "./" + path : path) {
     ::dlerror();
-    handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    handle_ = ::dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle_ == nullptr) {
         const char* reason = ::dlerror();
-        throw ModuleError("cannot load module " + path + ": " +
+        throw ModuleError("cannot load module " + path_ + ": " +
                           (reason != nullptr ? reason : "unknown reason"));
     }
 }
