@@ -19,7 +19,9 @@ public:
     static int GetNetworkDevices(std::vector<typeProperty>& devices);
 
     // The hardware address of one interface record as upper-case hexadecimal
-    // pairs separated by colons ("08:00:27:AA:BB:CC"). kNotFound when the
+    // pairs separated by colons ("08:00:27:AA:BB:CC"). In a machine root the
+    // address is the nic fact's text exactly as written there, so a root can
+    // also show what an unusual system would report. kNotFound when the
     // record has no readable address, kInvalidArgument when it is not an
     // interface record.
     static int GetMACAddress(const typeProperty& device, std::wstring& mac);

@@ -1,0 +1,214 @@
+#include "KALDO/CProcessUtils.h"
+
+#include <locale.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "KALDO/CStringUtils.h"
+#include "KALDO/Failpoints.h"
+#include "KALDO/MachineRoot.h"
+#include "KALDO/Result.h"
+#include "PathText.h"
+#include "platform/Process.h"
+
+extern char** environ;
+
+namespace KALDO {
+namespace {
+
+constexpr double kDefaultToolTimeoutSeconds = 300;
+
+// Tools must print the English texts the module looks for, whatever the
+// host's language; C.UTF-8 where the system has it keeps UTF-8 output.
+const std::string& ToolLocale() {
+    static const std::string locale = [] {
+        locale_t probe = ::newlocale(LC_ALL_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+        if (probe != static_cast<locale_t>(nullptr)) {
+            ::freelocale(probe);
+            return std::string("C.UTF-8");
+        }
+        return std::string("en_US.UTF-8");
+    }();
+    return locale;
+}
+
+double ToolTimeoutSeconds() {
+    const char* text = std::getenv("KALDO_TOOL_TIMEOUT");
+    if (text == nullptr || *text == '\0') return kDefaultToolTimeoutSeconds;
+    char* end = nullptr;
+    const double seconds = std::strtod(text, &end);
+    if (end == text || seconds < 0) return kDefaultToolTimeoutSeconds;
+    return seconds;  // 0: no limit
+}
+
+bool HasName(const char* entry, const char* name) {
+    const size_t n = std::strlen(name);
+    return std::strncmp(entry, name, n) == 0 && entry[n] == '=';
+}
+
+std::vector<std::string> ToolEnvironment(const std::string& root) {
+    std::vector<std::string> env;
+    for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
+        if (HasName(*e, "LC_ALL") || HasName(*e, "LANG") || HasName(*e, "LANGUAGE") ||
+            HasName(*e, "KALDO_ROOT"))
+            continue;
+        env.emplace_back(*e);
+    }
+    env.push_back("LC_ALL=" + ToolLocale());
+    env.push_back("LANG=" + ToolLocale());
+    if (!root.empty()) env.push_back("KALDO_ROOT=" + root);
+    return env;
+}
+
+// The host path of the tool: absolute paths inside the machine root; bare
+// names in the root's tool folders, or on PATH on the real machine.
+int ResolveTool(const std::wstring& tool, const std::string& root, std::string& hostPath) {
+    if (tool.empty()) return kInvalidArgument;
+    const std::string narrow = CStringUtils::WStringToString(tool);
+    if (narrow.find('\0') != std::string::npos) return kInvalidArgument;
+    if (narrow.front() == '/') return detail::ToHostPath(tool, hostPath);
+    if (narrow.find('/') != std::string::npos) {
+        hostPath = narrow;
+        return kOk;
+    }
+    std::string searchPath;
+    if (!root.empty()) {
+        searchPath = root + "/usr/bin:" + root + "/bin:" + root + "/usr/sbin:" + root + "/sbin";
+    } else {
+        const char* path = std::getenv("PATH");
+        searchPath = (path != nullptr && *path != '\0') ? path : "/usr/bin:/bin:/usr/sbin:/sbin";
+    }
+    size_t start = 0;
+    while (start <= searchPath.size()) {
+        size_t end = searchPath.find(':', start);
+        if (end == std::string::npos) end = searchPath.size();
+        const std::string folder = searchPath.substr(start, end - start);
+        const std::string candidate = (folder.empty() ? "." : folder) + "/" + narrow;
+        if (platform::IsExecutableFile(candidate)) {
+            hostPath = candidate;
+            return kOk;
+        }
+        start = end + 1;
+    }
+    return kNotFound;
+}
+
+// Column where the command starts in a ps listing, from its header line.
+size_t CommandColumn(const std::wstring& header) {
+    const size_t column = header.find(L"COMMAND");
+    return column == std::wstring::npos ? header.find(L"CMD") : column;
+}
+
+// The command text of one listing line: from the header's command column,
+// or after the fourth field when the line is shorter than the header says.
+std::wstring CommandOf(const std::wstring& line, size_t column) {
+    if (column != std::wstring::npos && column < line.size() && column > 0 &&
+        line[column - 1] == L' ')
+        return line.substr(column);
+    size_t pos = 0;
+    for (int field = 0; field < 4; ++field) {
+        pos = line.find_first_not_of(L" \t", pos);
+        if (pos == std::wstring::npos) return L"";
+        pos = line.find_first_of(L" \t", pos);
+        if (pos == std::wstring::npos) return L"";
+    }
+    pos = line.find_first_not_of(L" \t", pos);
+    return pos == std::wstring::npos ? L"" : line.substr(pos);
+}
+
+bool CommandMatches(const std::wstring& command, const std::wstring& name, bool exactName,
+                    bool matchFullCommand) {
+    const size_t programEnd = command.find(L' ');
+    const std::wstring program =
+        programEnd == std::wstring::npos ? command : command.substr(0, programEnd);
+    if (exactName) {
+        const size_t slash = program.rfind(L'/');
+        return (slash == std::wstring::npos ? program : program.substr(slash + 1)) == name;
+    }
+    return (matchFullCommand ? command : program).find(name) != std::wstring::npos;
+}
+
+}  // namespace
+
+int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
+                                     const std::vector<std::wstring>& args, int& exitCode,
+                                     std::wstring* out, std::wstring* err, std::wstring* third) {
+    int injected = 0;
+    if (CFailpoints::Check("ExecuteSafeToText", tool, injected)) return injected;
+
+    const std::string root = CMachineRoot::Get();
+    std::string hostPath;
+    const int resolved = ResolveTool(tool, root, hostPath);
+    if (resolved != kOk) {
+        if (third != nullptr)
+            *third = tool + L": " + (resolved == kNotFound ? L"not found" : L"invalid tool name");
+        return resolved;
+    }
+
+    std::vector<std::string> argv;
+    argv.reserve(args.size() + 1);
+    argv.push_back(hostPath);
+    for (const std::wstring& arg : args) argv.push_back(CStringUtils::WStringToString(arg));
+
+    platform::ToolRun run;
+    const int rc = platform::RunTool(hostPath, argv, ToolEnvironment(root), err == nullptr,
+                                     ToolTimeoutSeconds(), run);
+    if (third != nullptr) *third = CStringUtils::StringToWString(run.diagnostic);
+    if (rc != kOk && rc != kTimedOut) return rc;
+    exitCode = run.exitCode;
+    if (out != nullptr) *out = CStringUtils::StringToWString(run.out);
+    if (err != nullptr) *err = CStringUtils::StringToWString(run.err);
+    return rc;
+}
+
+int CProcessUtils::GetProcessListing_MAC(std::wstring& listing, const std::string& options) {
+    int injected = 0;
+    if (CFailpoints::Check("GetProcessListing_MAC", injected)) return injected;
+    int exitCode = 0;
+    std::wstring text, errors;
+    const int rc = ExecuteSafeToText(L"/bin/ps", {CStringUtils::StringToWString(options)}, exitCode,
+                                     &text, &errors, nullptr);
+    if (rc < 0) return rc;
+    if (exitCode != 0) return kFailed;
+    listing = std::move(text);
+    return kOk;
+}
+
+int CProcessUtils::GetProcessIdByName(const std::wstring& name, int& pid, bool exactName,
+                                      bool matchFullCommand) {
+    int injected = 0;
+    if (CFailpoints::Check("GetProcessIdByName", name, injected)) return injected;
+    std::wstring listing;
+    const int rc = GetProcessListing_MAC(listing, "wwax");
+    if (rc < 0) return rc;
+
+    size_t column = std::wstring::npos;
+    bool header = true;
+    size_t start = 0;
+    while (start < listing.size()) {
+        size_t end = listing.find(L'\n', start);
+        if (end == std::wstring::npos) end = listing.size();
+        std::wstring line = listing.substr(start, end - start);
+        start = end + 1;
+        if (!line.empty() && line.back() == L'\r') line.pop_back();
+        if (header) {
+            header = false;
+            column = CommandColumn(line);
+            if (column != std::wstring::npos) continue;  // a real header line
+        }
+        const std::wstring command = CommandOf(line, column);
+        if (command.empty() || !CommandMatches(command, name, exactName, matchFullCommand))
+            continue;
+        const int value = CStringUtils::StrToI32(line);
+        if (value > 0) {
+            pid = value;
+            return kOk;
+        }
+    }
+    return kOk;
+}
+
+}  // namespace KALDO
