@@ -1,0 +1,334 @@
+// The VirtualBox adapter. The machine list comes from the console user's
+// VirtualBox.xml, a machine's description from the text report of
+// `VBoxManage showvminfo`, and power actions from running VBoxManage once.
+// Every text is searched with literal markers, never parsed as XML: the
+// reports and settings files of several VirtualBox generations only agree on
+// these markers.
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "ImplVirtualMachine.h"
+#include "KALDO/CAppleUtils.h"
+#include "KALDO/CFileUtils.h"
+#include "KALDO/CProcessUtils.h"
+#include "KALDO/CSoftwareVersion.h"
+#include "KALDO/CStringUtils.h"
+#include "KALDO/Result.h"
+#include "KALDO/typeProperty.h"
+#include "MethodFrame.h"
+
+namespace {
+
+using KALDO::CStringUtils;
+using KALDO::typeProperty;
+
+// ---- Inventory ----
+
+// Appended to the home folder as it is returned; the result is also the
+// folder that VirtualBox 3 wrote its relative machine paths against.
+constexpr wchar_t kSettingsFolder[] = L"/Library/VirtualBox/";
+constexpr wchar_t kGlobalSettingsFile[] = L"VirtualBox.xml";
+// VirtualBox 4 moved machines out of the settings folder and began writing
+// absolute paths.
+constexpr int kFirstAbsolutePathsMajor = 4;
+
+// The major version from the version record's text ("4.3.12" gives 4). A
+// host that passes no record gets the reading of empty text: 0, i.e. the
+// oldest layout.
+int MajorVersionOf(const KALDO::CSoftwareVersion* version) {
+    std::string text;
+    if (version != nullptr) {
+        const KALDO::CSoftwareVersion copy(*version);
+        text = copy.toCharStr();
+    }
+    return CStringUtils::StrToI32(CStringUtils::StringToWString(text));
+}
+
+// ---- Machine description ----
+
+constexpr wchar_t kBundleId[] = L"org.virtualbox.app.VirtualBox";
+constexpr wchar_t kToolInBundle[] = L"/Contents/MacOS/VBoxManage";
+
+// One value cut out of a text: after `anchor` (empty: from the start), the
+// text between `begin` and the next `end`.
+struct Cut {
+    const wchar_t* anchor;
+    const wchar_t* begin;
+    const wchar_t* end;
+};
+constexpr Cut kUuidCut{L"<Machine", L"uuid=\"{", L"}\""};
+constexpr Cut kNameCut{L"", L"Name: ", L"\n"};
+constexpr Cut kGuestOsCut{L"", L"Guest OS: ", L"\n"};
+constexpr Cut kStateCut{L"", L"State: ", L"("};
+constexpr wchar_t kAttachmentBegin[] = L"Attachment: ";
+constexpr wchar_t kAttachmentEnd[] = L",";
+
+std::wstring CutOut(const std::wstring& text, const std::wstring& anchor, const std::wstring& begin,
+                    const std::wstring& end) {
+    return CStringUtils::ParseSubstringFromString(text, anchor, begin, end, nullptr);
+}
+std::wstring CutOut(const std::wstring& text, const Cut& cut) {
+    return CutOut(text, cut.anchor, cut.begin, cut.end);
+}
+
+// Classification tables: the first row whose prefix begins the text wins;
+// a text that no row claims gets the table's fallback row.
+struct FamilyRow {
+    const wchar_t* prefix;
+    int type;
+};
+// "Xasndros" is spelt so on purpose: only a text with these very letters
+// counts for it.
+constexpr FamilyRow kOsFamilies[] = {
+    {L"Windows", 3}, {L"Linux", 1},  {L"Arch", 1},     {L"Debian", 1},
+    {L"open", 1},    {L"Gentoo", 1}, {L"Mandriva", 1}, {L"Red", 1},
+    {L"Turbo", 1},   {L"Ubuntu", 1}, {L"Xasndros", 1},
+};
+constexpr FamilyRow kOtherFamily{L"", 0};
+
+struct StateRow {
+    const wchar_t* prefix;
+    int state;
+};
+constexpr StateRow kStates[] = {{L"powered off", 3}, {L"running", 1}};
+constexpr StateRow kOtherState{L"", 2};  // paused, saved, aborted, stuck, ...
+
+struct AttachmentRow {
+    const wchar_t* prefix;
+    int type;
+    int isConnected;
+};
+constexpr AttachmentRow kAttachments[] = {{L"NAT", 1, 1}, {L"Bridged", 2, 1}, {L"Host-only", 3, 1}};
+constexpr AttachmentRow kOtherAttachment{L"", 0, 0};  // internal, generic, not attached
+
+template <class Row, size_t N>
+const Row& Classify(const Row (&table)[N], const std::wstring& text, const Row& fallback) {
+    for (const Row& row : table) {
+        if (CStringUtils::BeginsWith(text, row.prefix, 0)) return row;
+    }
+    return fallback;
+}
+
+// "NIC 1: ", "NIC 2: ", ...: the colon and blank keep the adapters' settings
+// and rules lines ("NIC 1 Settings:", "NIC 1 Rule(0):") from counting.
+std::wstring AdapterKey(int number) {
+    return L"NIC " + CStringUtils::I32ToStr(number) + L": ";
+}
+
+// Fills `networks` with one map per enabled adapter, numbered as the tool
+// numbers them. The adapters end at the first number the report does not
+// mention, whatever follows. Failures are recorded here.
+int ReadAdapters(const std::wstring& report, typeProperty& networks) {
+    for (int number = 1;; ++number) {
+        const std::wstring key = AdapterKey(number);
+        if (report.find(key) == std::wstring::npos) return 0;
+        const std::wstring lineValue = CutOut(report, L"", key, L"\n");
+        if (lineValue.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+        if (CStringUtils::Trim(lineValue) == L"disabled") continue;
+
+        typeProperty adapter;
+        adapter.addMapVal(L"Name", L"Adapter " + CStringUtils::I32ToStr(number));
+        const std::wstring attachment = CutOut(report, key, kAttachmentBegin, kAttachmentEnd);
+        if (attachment.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+        const AttachmentRow& kind =
+            Classify(kAttachments, CStringUtils::Trim(attachment), kOtherAttachment);
+        adapter.addMapVal(L"Type", kind.type);
+        adapter.addMapVal(L"IsConnected", kind.isConnected);
+        adapter.addMapVal(L"MacAddress", std::wstring());
+        networks.addVecVal(adapter);
+    }
+}
+
+// GetVMInfo and GetVMNetwork: describe the machine named by the input "Name"
+// and hand the host `keys` of the description.
+int DescribeToOutputs(const typeProperty* inputs, typeProperty* outputs,
+                      std::initializer_list<const wchar_t*> keys) {
+    std::wstring settingsPath;
+    int rc = ImplVm::ReadInput(inputs, L"Name", settingsPath);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    typeProperty description;
+    rc = VirtualMachineImpl_VirtualBox2_GetInfoForVm(settingsPath, &description);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    return ImplVm::CopyDescription(description, keys, outputs, __FILE__, __LINE__);
+}
+
+// ---- Power actions ----
+
+// Unlike the description, actions use the tool at its standard place only.
+constexpr wchar_t kVBoxManage[] = L"/Applications/VirtualBox.app/Contents/MacOS/VBoxManage";
+constexpr wchar_t kStartAction[] = L"startvm";
+
+// How a failed exit of VBoxManage is judged from its printed text, in this
+// order; the first rule that holds decides. The tool's messages come on its
+// standard error, which the run merges into the text. The search is
+// case-sensitive: a text without a lower-case "error" counts as done.
+struct AnswerRule {
+    const wchar_t* text;
+    bool whenPresent;
+    int code;
+};
+constexpr AnswerRule kAnswerRules[] = {
+    {L"error", false, 0},
+    {L"VBOX_E_INVALID_VM_STATE", true, -4},
+    {L"Error: Cannot open VM", true, -6},
+    {L"Error: The virtual machine cannot be found", true, -6},
+    {L"Error: Cannot lock VM", true, -32},
+};
+constexpr int kUnrecognisedAnswer = -1;
+
+int JudgeFailedExit(const std::wstring& text) {
+    for (const AnswerRule& rule : kAnswerRules) {
+        if ((text.find(rule.text) != std::wstring::npos) == rule.whenPresent) return rule.code;
+    }
+    return kUnrecognisedAnswer;
+}
+
+int RunPowerMethod(const typeProperty* inputs, const wchar_t* action) {
+    std::wstring machine;
+    const int rc = ImplVm::ReadInput(inputs, L"Name", machine);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    return IMPLVM_RECORD(VirtualMachineImpl_VirtualBox_4_X_PerformVMAction(action, machine));
+}
+
+}  // namespace
+
+// ---- Inventory ----
+
+int VirtualMachineImpl_VirtualBox2_GetAllVms(std::vector<std::wstring>* vms, int majorVersion) {
+    if (vms == nullptr) return IMPLVM_RECORD(KALDO::kInvalidArgument);
+    std::wstring home;
+    int rc = KALDO::CAppleUtils::GetCurrentLoggedInUserInfo(home, nullptr, nullptr);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    const std::wstring settingsFolder = home + kSettingsFolder;
+
+    std::wstring xml;
+    rc = KALDO::CFileUtils::ReadFromTextFile(settingsFolder + kGlobalSettingsFile, xml);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+
+    // The value runs to the "/>" that closes the element, so only a src
+    // written as the element's last attribute comes out as a bare path.
+    std::vector<std::wstring> sources;
+    rc = CStringUtils::ParseSubstringFromStringEx(xml, sources, L"<MachineEntry", L"src=\"",
+                                                  L"\"/>", 0, 1);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+
+    const bool relative = majorVersion < kFirstAbsolutePathsMajor;
+    for (const std::wstring& source : sources) {
+        vms->push_back(relative ? settingsFolder + source : source);
+    }
+    return 0;
+}
+
+// Never fails: a host learns of a missing installation from an empty list
+// (and the error log), as it always has.
+int VirtualMachineImpl_VirtualBox2_EnumerateVMs(int, int, int,
+                                                const KALDO::CSoftwareVersion* version,
+                                                const typeProperty*, typeProperty* outputs) {
+    std::vector<std::wstring> vms;
+    (void)VirtualMachineImpl_VirtualBox2_GetAllVms(&vms, MajorVersionOf(version));
+    ImplVm::WriteVmList(outputs, vms);
+    return 0;
+}
+
+// ---- Machine description ----
+
+int VirtualMachineImpl_VirtualBox2_GetInfoForVm(const std::wstring& settingsPath,
+                                                typeProperty* description) {
+    if (description == nullptr) return IMPLVM_RECORD(KALDO::kInvalidArgument);
+    description->clear();
+
+    std::wstring appPath;
+    int rc = KALDO::CAppleUtils::LS_GetAppPathByAppId(kBundleId, appPath);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    const std::wstring tool = appPath + kToolInBundle;
+
+    std::wstring settings;
+    rc = KALDO::CFileUtils::ReadFromTextFile(settingsPath, settings);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    const std::wstring uuid = CutOut(settings, kUuidCut);
+    if (uuid.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+
+    int exitCode = 0;
+    std::wstring report;
+    rc = KALDO::CProcessUtils::ExecuteSafeToText(tool, {L"showvminfo", uuid}, exitCode, &report,
+                                                 nullptr, nullptr);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    if (exitCode != 0) return IMPLVM_RECORD(KALDO::kFailed);
+
+    // Emptiness is judged on the raw cuts: a value of blanks passes and
+    // trims to nothing.
+    const std::wstring rawName = CutOut(report, kNameCut);
+    if (rawName.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+    const std::wstring name = CStringUtils::Trim(rawName);
+
+    // A report without a guest-OS line is a machine of unknown family: the
+    // check after this cut has always looked at the UUID, not at the cut.
+    const std::wstring guestOs = CStringUtils::Trim(CutOut(report, kGuestOsCut));
+    if (uuid.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+    typeProperty os;
+    os.addMapVal(L"Type", Classify(kOsFamilies, guestOs, kOtherFamily).type);
+    os.addMapVal(L"Distribution", guestOs);
+
+    // "State:   running (since 2024-...)": the time stamp's "(" ends the word.
+    const std::wstring rawState = CutOut(report, kStateCut);
+    if (rawState.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+    const int state = Classify(kStates, CStringUtils::Trim(rawState), kOtherState).state;
+
+    // Never typed explicitly: it becomes a vector with its first adapter.
+    typeProperty networks;
+    rc = ReadAdapters(report, networks);
+    if (rc < 0) return rc;
+
+    description->addString(L"UserFriendlyName", name);
+    description->addSubTree(L"OS", os);
+    description->addInteger(L"State", state);
+    description->addSubTree(L"Networks", networks);
+    return 0;
+}
+
+int VirtualMachineImpl_VirtualBox2_GetVMInfo(int, int, int, const KALDO::CSoftwareVersion*,
+                                             const typeProperty* inputs, typeProperty* outputs) {
+    return DescribeToOutputs(inputs, outputs, {L"UserFriendlyName", L"OS", L"State"});
+}
+
+int VirtualMachineImpl_VirtualBox2_GetVMNetwork(int, int, int, const KALDO::CSoftwareVersion*,
+                                                const typeProperty* inputs, typeProperty* outputs) {
+    return DescribeToOutputs(inputs, outputs, {L"Networks"});
+}
+
+// ---- Power actions ----
+
+int VirtualMachineImpl_VirtualBox_4_X_PerformVMAction(const std::wstring& action,
+                                                      const std::wstring& machine) {
+    const std::vector<std::wstring> args =
+        action == kStartAction ? std::vector<std::wstring>{action, machine}
+                               : std::vector<std::wstring>{L"controlvm", machine, action};
+    int exitCode = 0;
+    std::wstring text;
+    const int rc = KALDO::CProcessUtils::ExecuteSafeToText(kVBoxManage, args, exitCode, &text,
+                                                           nullptr, nullptr);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    if (exitCode == 0) return 0;
+    return IMPLVM_RECORD(JudgeFailedExit(text));
+}
+
+int VirtualMachineImpl_VirtualBox_4_X_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
+                                              const typeProperty* inputs, typeProperty*) {
+    return RunPowerMethod(inputs, kStartAction);
+}
+
+int VirtualMachineImpl_VirtualBox_4_X_StopVM(int, int, int, const KALDO::CSoftwareVersion*,
+                                             const typeProperty* inputs, typeProperty*) {
+    return RunPowerMethod(inputs, L"poweroff");
+}
+
+int VirtualMachineImpl_VirtualBox_4_X_PauseVM(int, int, int, const KALDO::CSoftwareVersion*,
+                                              const typeProperty* inputs, typeProperty*) {
+    return RunPowerMethod(inputs, L"pause");
+}
+
+int VirtualMachineImpl_VirtualBox_4_X_ResumeVM(int, int, int, const KALDO::CSoftwareVersion*,
+                                               const typeProperty* inputs, typeProperty*) {
+    return RunPowerMethod(inputs, L"resume");
+}
