@@ -1,9 +1,14 @@
 // The common methods: the module's own version, the installed product's
 // version, the hypervisor type the host hands in, and whether this Mac is
 // itself a virtual machine judged from its hardware profile.
+#include <iterator>
 #include <string>
+#include <vector>
 
 #include "ImplVirtualMachine.h"
+#include "KALDO/CAppleUtils.h"
+#include "KALDO/CDbUtils.h"
+#include "KALDO/CProcessUtils.h"
 #include "KALDO/CStringUtils.h"
 #include "MethodFrame.h"
 
@@ -14,6 +19,24 @@ namespace {
 
 constexpr const wchar_t* kModuleVersion = L"3.6.10676.2";
 
+// The hardware and storage reports of system_profiler; a hypervisor's name
+// shows up in the machine model or in a disk or controller name.
+constexpr const wchar_t* kProfilerDataTypes[] = {
+    L"SPHardwareDataType",     L"SPParallelATADataType",  L"SPSerialATADataType",
+    L"SPHardwareRAIDDataType", L"SPParallelSCSIDataType", L"SPStorageDataType",
+};
+
+struct HardwareMarker {
+    const wchar_t* marker;  // case-sensitive, anywhere in the report
+    const wchar_t* vendor;
+};
+
+// Tried in this order: a report naming both counts as VMware.
+constexpr HardwareMarker kHardwareMarkers[] = {
+    {L"VMware", L"VMware, Inc."},
+    {L"VBOX", L"Oracle Corporation"},
+};
+
 }  // namespace
 
 int VirtualMachineImpl_Common_GetModuleVersion(int, int, int, const CSoftwareVersion*,
@@ -21,6 +44,17 @@ int VirtualMachineImpl_Common_GetModuleVersion(int, int, int, const CSoftwareVer
     if (outputs == nullptr) return 0;
     outputs->setString(kModuleVersion);
     return 0;
+}
+
+int VirtualMachineImpl_Common_GetProductVersion(int context1, int context2, int context3,
+                                                const CSoftwareVersion* version,
+                                                const typeProperty* inputs, typeProperty* outputs) {
+    typeProperty merged;
+    if (KALDO::CDbUtils::getInputsForMethod(context1, context2, context3, version, inputs,
+                                            &merged) < 0)
+        return IMPLVM_RECORD(-1);
+    // The library's own code, success included, is the answer.
+    return IMPLVM_RECORD(KALDO::CAppleUtils::GetProductVersion(merged, *outputs));
 }
 
 int VirtualMachineImpl_Common_GetHypervisorType(int, int, int, const CSoftwareVersion*,
@@ -31,5 +65,25 @@ int VirtualMachineImpl_Common_GetHypervisorType(int, int, int, const CSoftwareVe
     if (outputs == nullptr) return -3;
     if (ImplVm::ReadInput(inputs, L"HYPER_TYPE", hyperType) < 0) return -3;
     outputs->addInteger(L"HypervisorType", KALDO::CStringUtils::StrToI32(hyperType));
+    return 0;
+}
+
+int VirtualMachineImpl_Common_IsMachineVirtual(int, int, int, const CSoftwareVersion*,
+                                               const typeProperty*, typeProperty* outputs) {
+    const std::vector<std::wstring> arguments(std::begin(kProfilerDataTypes),
+                                              std::end(kProfilerDataTypes));
+    int exitCode = 0;  // the report decides, not the tool's status
+    std::wstring report;
+    if (KALDO::CProcessUtils::ExecuteSafeToText(L"system_profiler", arguments, exitCode, &report,
+                                                nullptr, nullptr) < 0)
+        return IMPLVM_RECORD(-1);
+
+    for (const HardwareMarker& entry : kHardwareMarkers) {
+        if (report.find(entry.marker) == std::wstring::npos) continue;
+        outputs->addInteger(L"IsMachineVirtual", 1);
+        outputs->addString(L"VMCompanyName", entry.vendor);
+        return 0;
+    }
+    outputs->addInteger(L"IsMachineVirtual", 0);
     return 0;
 }
