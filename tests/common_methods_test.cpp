@@ -75,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(
         HypervisorTypeCase{"NotANumber", {{"HYPER_TYPE", "vmware"}}, 0, {{"HypervisorType", 0}}},
         HypervisorTypeCase{"Missing", {{"Other", "2"}}, -3, nullptr},
         HypervisorTypeCase{"IntegerNotText", {{"HYPER_TYPE", 2}}, -3, nullptr}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& p) { return std::string(p.param.name); });
 
 TEST(GetHypervisorTypeNull, NullTreesAnswerMinusThreeWithoutRecord) {
     TestMachine mac;
@@ -225,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(
         ProfileCase{"RealMac", "Hardware:\n  Model Identifier: MacBookPro18,3\n", 0, kNotVirtual},
         ProfileCase{"EmptyReport", "", 0, kNotVirtual},
         ProfileCase{"ExitStatusIgnored", "Model Name: VMware7,1\n", 1, kVMware}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& p) { return std::string(p.param.name); });
 
 TEST(IsMachineVirtualProfileFailure, ToolThatCannotRunIsARecordedMinusOneWithoutOutputs) {
     TestMachine mac;  // no system_profiler anywhere in the machine

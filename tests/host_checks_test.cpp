@@ -127,7 +127,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "GetNetworkDevices=-2",
                 kNotVirtual,
                 {-1}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& p) { return std::string(p.param.name); });
 
 TEST(MacAddressCheck, SetsTheVendorOnlyOnAMatch) {
     TestMachine mac;

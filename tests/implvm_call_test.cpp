@@ -81,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(
                   {"--in", "HYPER_TYPE=9", "--fail", "GetNetworkDevices=-4"},
                   0,
                   {{"HypervisorType", 9}}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& p) { return std::string(p.param.name); });
 
 struct UsageCase {
     const char* name;
@@ -133,7 +133,7 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{"MissingModule",
                   {"--module", "/nonexistent/libImplVirtualMachine.so", "methods"},
                   "/nonexistent/libImplVirtualMachine.so"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& p) { return std::string(p.param.name); });
 
 TEST(ImplvmHelp, EveryCommandHasHelp) {
     for (const auto& [args, mentions] :
