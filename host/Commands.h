@@ -25,7 +25,7 @@ inline int ExitStatusFor(int methodResult) {
 
 // A mistake in how implvm was called: one line on standard error, status 2.
 class UsageError : public std::runtime_error {
-  public:
+public:
     using std::runtime_error::runtime_error;
 };
 
@@ -41,7 +41,7 @@ struct GlobalOptions {
 
 // What the commands share.
 class Host {
-  public:
+public:
     explicit Host(const char* argv0) : argv0_(argv0) {}
 
     GlobalOptions& options() { return options_; }
@@ -59,7 +59,7 @@ class Host {
     void setExitStatus(int status) { exitStatus_ = status; }
     int exitStatus() const { return exitStatus_; }
 
-  private:
+private:
     const char* argv0_;
     GlobalOptions options_;
     std::unique_ptr<Module> module_;

@@ -56,7 +56,7 @@ std::string ExecutablePath(const char* argv0) {
 // The records the error log gained since a mark, also when the log was
 // full and dropped old ones meanwhile.
 class ErrorLogMark {
-  public:
+public:
     ErrorLogMark()
         : size_(KALDO::CErrorInfo::getErrors().size()),
           dropped_(KALDO::CErrorInfo::droppedCount()) {}
@@ -72,7 +72,7 @@ class ErrorLogMark {
         return now;
     }
 
-  private:
+private:
     size_t size_;
     size_t dropped_;
 };

@@ -17,7 +17,7 @@ namespace implvm {
 
 // The module cannot be loaded, or a name is not one of its method functions.
 class ModuleError : public std::runtime_error {
-  public:
+public:
     using std::runtime_error::runtime_error;
 };
 
@@ -33,7 +33,7 @@ Json OutcomeToJson(const CallOutcome& outcome);
 Json ErrorsToJson(const std::vector<KALDO::ErrorRecord>& errors);
 
 class Module {
-  public:
+public:
     // The module installed beside a binary: <binary folder>/../lib/
     // libImplVirtualMachine.so (.dylib on macOS). The binary is found
     // through /proc/self/exe, else through argv0 (resolved on PATH when it
@@ -60,7 +60,7 @@ class Module {
     CallOutcome call(const std::string& name, const KALDO::typeProperty& inputs,
                      const std::string& versionText = "") const;
 
-  private:
+private:
     std::string path_;
     void* handle_ = nullptr;
 };

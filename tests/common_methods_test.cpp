@@ -91,7 +91,7 @@ TEST(GetHypervisorTypeNull, NullTreesAnswerMinusThreeWithoutRecord) {
 // ---- GetProductVersion ----
 
 class GetProductVersion : public testing::Test {
-  protected:
+protected:
     void SetUp() override {
         mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "12.2.1");
     }

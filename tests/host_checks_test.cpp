@@ -157,7 +157,7 @@ std::string IpTool() {
 }
 
 class NetworkNamespace {
-  public:
+public:
     NetworkNamespace(std::string ip, std::string name)
         : ip_(std::move(ip)), name_(std::move(name)) {
         created_ = Run({ip_, "netns", "add", name_}, &why_);
@@ -192,7 +192,7 @@ class NetworkNamespace {
         return full;
     }
 
-  private:
+private:
     std::string ip_, name_, why_;
     bool created_ = false;
 };
