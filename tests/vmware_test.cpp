@@ -1,0 +1,241 @@
+// VMware Fusion: the VM library of Fusion 1-4 and 5, and the .vmx reader.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <tuple>
+
+#include "KALDO/Failpoints.h"
+#include "TestMachine.h"
+
+using implvm_test::Call;
+using implvm_test::Json;
+
+namespace {
+
+const std::string kHome = "/Users/ann";
+const std::string kPrefs = kHome + "/Library/Preferences/com.vmware.fusion.plist";
+const std::string kInventory = kHome + "/Library/Application Support/VMware Fusion/vmInventory";
+const std::string kBundle = kHome + "/VMs/Win.vmwarevm";
+const std::string kVmx = kBundle + "/Win.vmx";
+
+std::string Vmx(const std::string& guest, const std::string& more = "") {
+    return "displayName = \"VM " + guest + "\"\nguestOS = \"" + guest + "\"\n" + more;
+}
+
+class VmWare : public ::testing::Test {
+  protected:
+    VmWare() { mac.setConsoleUser("ann", 501, kHome); }
+    implvm_test::TestMachine mac;
+
+    static void Failpoint(const std::string& spec) {
+        if (spec.empty())
+            KALDO::CFailpoints::Clear();
+        else
+            ASSERT_EQ(KALDO::CFailpoints::Set(spec), 0) << spec;
+    }
+    // The last code the call recorded against the adapter's file (0: none).
+    static int AdapterError(const std::vector<KALDO::ErrorRecord>& errors) {
+        auto own = implvm_test::ErrorsFrom(errors, "ImplVirtualMachine_VmWare.cpp");
+        return own.empty() ? 0 : own.back().code;
+    }
+};
+
+TEST_F(VmWare, Fusion1Library) {
+    const std::string older =
+        "<key>VMFavoritesListDefaults</key><array><string>/v/A.vmx</string>"
+        "<string></string><string>/v/B.vmwarevm</string>";
+    const std::string newer =
+        "<key>VMFavoritesListDefaults2</key><array><dict><key>path</key>"
+        "<string>/v/C.vmx</string></dict>";
+    const struct {
+        std::string failpoint, dict;
+        int code;  // of GetAllVms; EnumerateVMs publishes what it gathered and returns 0
+        std::vector<std::string> vms;
+    } cases[] = {
+        {"", older + "</array>", 0, {"/v/A.vmx", "", "/v/B.vmwarevm"}},
+        {"",
+         newer + "<dict><key>path</key><string>/v/D.vmx</string></dict></array>",
+         0,
+         {"/v/C.vmx", "/v/D.vmx"}},
+        {"", older + "</array>" + newer + "</array>", 0, {"/v/A.vmx", "", "/v/B.vmwarevm"}},
+        {"", "<key>VMFavoritesListDefaults</key><array/>" + newer + "</array>", 0, {}},
+        {"", "<key>x</key><string>y</string>", 0, {}},
+        {"", older + "<dict/></array>", -1, {"/v/A.vmx", "", "/v/B.vmwarevm"}},
+        {"", newer + "<dict/></array>", -1, {"/v/C.vmx"}},
+        {"", "", -1, {}},  // no preferences file
+        {"GetCurrentLoggedInUserInfo=-32", "", -32, {}},
+        {"GetCurrentLoggedInUserInfo=-2", "", -1, {}},
+        {"ReadPlistFileToTypePropertyTree=-4", "", -4, {}},
+    };
+    for (const auto& c : cases) {
+        mac.remove(kPrefs);
+        if (!c.dict.empty() || !c.failpoint.empty())
+            mac.writeFile(kPrefs, "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict>" +
+                                      c.dict + "</dict></plist>\n");
+        Failpoint(c.failpoint);
+        KALDO::CErrorInfo::clearErrors();
+        std::vector<std::wstring> vms;
+        EXPECT_EQ(VirtualMachineImpl_VmWareFusion1_GetAllVms(vms), c.code) << c.dict;
+        EXPECT_EQ(AdapterError(KALDO::CErrorInfo::getErrors()), c.code) << c.dict;
+        auto r = Call(VirtualMachineImpl_VmWareFusion1_EnumerateVMs);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(r.outputs, (Json{{"VMs", c.vms}})) << c.dict;
+    }
+}
+
+TEST_F(VmWare, Fusion5Inventory) {
+    // An empty entry is stepped over; a path that also stands earlier in the
+    // text (index0.id) is met twice, since the scan resumes after its first
+    // occurrence; an unterminated last entry ends the scan.
+    mac.writeFile(kInventory, "vmlist1.config = \"" + kVmx + "\"\nvmlist2.config = \"\"\n" +
+                                  "vmlist3.config = \"/v/U.vmx\"\nindex0.id = \"" + kVmx +
+                                  "\"\nvmlist4.config = \"" + kVmx + "\"\nvmlist5.config = \"/v");
+    auto r = Call(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs);
+    EXPECT_EQ(r.result, 0);
+    EXPECT_EQ(r.outputs, (Json{{"VMs", {kVmx, "/v/U.vmx", kVmx, kVmx}}}));
+
+    mac.remove(kInventory);  // no Fusion 5 library: empty, nothing recorded
+    r = Call(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs);
+    EXPECT_EQ(r.outputs, (Json{{"VMs", Json::array()}}));
+    EXPECT_EQ(r.result, 0);
+    EXPECT_TRUE(r.errors.empty());
+
+    for (int code : {-2, -4}) {  // the user lookup's code as it is
+        Failpoint("GetCurrentLoggedInUserInfo=" + std::to_string(code));
+        r = Call(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs);
+        EXPECT_EQ(r.result, code);
+        EXPECT_EQ(AdapterError(r.errors), code);
+        EXPECT_TRUE(r.outputs.empty());
+    }
+}
+
+TEST_F(VmWare, GuestOsTable) {
+    // clang-format off
+    const std::tuple<std::string, std::string, int> cases[] = {
+        {"winnt", "Windows NT", 3}, {"winnt4", "Unknown OS", 0}, {"win2000AdvServ", "Windows 2000", 3},
+        {"winxppro-64", "Windows XP x64 Edition", 3}, {"winxphome", "Windows XP", 3},
+        {"windows7srv-64", "Windows Server 2008 R2", 3}, {"windows7-64", "Windows 7", 3},
+        {"windows8srv-64", "Windows Server 2012", 3}, {"centos-64", "Cent OS", 1},
+        {"sles11", "Suse Linux Enterprise", 1}, {"other26xlinux-64", "Linux 2.6", 1},
+        {"otherlinux", "Unknown OS", 0}, {"darwin10-64", "Mac OS X", 2}, {"vmkernel5", "VMware ESX", 0},
+    };
+    // clang-format on
+    for (const auto& [guest, name, type] : cases) {
+        mac.writeFile(kVmx, Vmx(guest));
+        auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMInfo, {{"Name", kVmx}}, "3.1.2");
+        EXPECT_EQ(r.outputs, (Json{{"UserFriendlyName", "VM " + guest},
+                                   {"OS", {{"Type", type}, {"Distribution", name}}},
+                                   {"State", 3}}));
+    }
+}
+
+TEST_F(VmWare, PowerState) {
+    const std::string on = "VMAutomation_Pause: pause = TRUE\n";
+    const std::string off = "VMAutomation_Pause: pause = FALSE\n";
+    const std::string ps = "  PID COMMAND\n 77 vmware-vmx " + kVmx + "\n";
+    const struct {
+        std::string version, name, vmx, ps, log, files;
+        int state;
+    } cases[] = {
+        {"5.0.3", kVmx, Vmx("ubuntu", "vmState = \"Win.vmss\"\n"), "", "", "", 2},
+        {"5.0.3", kVmx, Vmx("ubuntu", "vmState = \"off\"\n"), "", "", "", 3},
+        {"5.0.3", kVmx, Vmx("ubuntu"), "  PID COMMAND\n 5 vmware-vmx /v/U.vmx\n", "", "", 3},
+        {"5.0.3", kVmx, Vmx("ubuntu"), ps, "start\n", "", 1},
+        {"5.0.3", kVmx, Vmx("ubuntu"), ps, on + off, "", 1},
+        {"6.0", kVmx, Vmx("ubuntu"), ps, on + off + on, "", 2},
+        {"4.1", kBundle, Vmx("ubuntu"), ps, on, "", 2},
+        {"5.0.3", kVmx, "displayName = \"W\"\r\nguestOS = \"ubuntu\"\r\nvmState = \"\"\r\n", ps,
+         off + on, "", 2},
+        {"3.1.2", kVmx, Vmx("ubuntu"), "", "", "Win.vmem.lck/x", 3},
+        {"3.1.2", kVmx, Vmx("ubuntu"), "", "", "Win.vmem", 2},
+        {"", kBundle, Vmx("ubuntu"), "", "", "Win.vmem", 2},  // no version: below Fusion 4
+    };
+    for (const auto& c : cases) {
+        mac.remove(kBundle);
+        mac.writeFile(kVmx, c.vmx);
+        mac.installTool("/bin/ps").respond(c.ps);
+        if (!c.log.empty()) mac.writeFile(kBundle + "/vmware.log", "x\n" + c.log + "y\n");
+        if (!c.files.empty()) mac.writeFile(kBundle + "/" + c.files, "");
+        auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMInfo, {{"Name", c.name}}, c.version);
+        EXPECT_EQ(r.outputs["State"], c.state) << c.version << " " << c.vmx << c.log;
+    }
+    mac.writeFile(kBundle + "/Win.vmem.lck/x", "");  // with memory and lock: running
+    auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMInfo, {{"Name", kVmx}}, "3.1.2");
+    EXPECT_EQ(r.outputs["State"], 1);
+}
+
+TEST_F(VmWare, VmxFoundInBundleOrBySearch) {
+    mac.writeFile(kHome + "/VMs/Old.vmwarevm/Renamed.vmx", Vmx("rhel6"));
+    mac.writeFile(kVmx, Vmx("windows7"));
+    for (const auto& [name, display] :
+         std::map<std::string, std::string>{{kBundle, "VM windows7"},
+                                            {kHome + "/VMs/Old.vmwarevm", "VM rhel6"},
+                                            {kHome + "/VMs/Old.vmwarevm/Gone.vmx", "VM rhel6"}}) {
+        auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMInfo, {{"Name", name}}, "3.0");
+        EXPECT_EQ(r.outputs["UserFriendlyName"], display) << name;
+    }
+}
+
+TEST_F(VmWare, NetworkAdapters) {
+    const auto adapter = [](const std::string& name, int type, int connected) {
+        Json a = {{"Name", name}};
+        if (type) a["Type"] = type;
+        a["IsConnected"] = connected;
+        a["MacAddress"] = "";
+        return a;
+    };
+    const std::pair<std::string, Json> cases[] = {
+        {"ethernet0.present = \"FALSE\"\nethernet1.present = \"TRUE\"\n"
+         "ethernet1.connectionType = \"bridged\"\nethernet1.startConnected = \"FALSE\"\n"
+         "ethernet2.present = \"yes\"\nethernet2.connectionType = \"nat\"\n"
+         "ethernet3.present = \"TRUE\"\nethernet3.connectionType = \"custom\"\n"
+         "ethernet5.present = \"TRUE\"\n",
+         {adapter("Network 2", 2, 0), adapter("Network 3", 1, 1), adapter("Network 4", 0, 1)}},
+        {"ethernet0.present = \"TRUE\"\nethernet0.connectionType = \"hostonly\"\n",
+         {adapter("Network", 3, 1)}},
+        {"ethernet1.present = \"TRUE\"\n", nullptr},  // never typed: shown as null
+    };
+    for (const auto& [ethernet, networks] : cases) {
+        mac.writeFile(kVmx, Vmx("ubuntu", ethernet));
+        auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kVmx}}, "3.1");
+        EXPECT_EQ(r.outputs, (Json{{"Networks", networks}})) << ethernet;
+    }
+}
+
+TEST_F(VmWare, ReaderFailures) {
+    const std::string ps = " 9 vmware-vmx " + kVmx + "\n";
+    const struct {
+        std::string name, version, failpoint, vmx, ps, others;
+        int code;
+    } cases[] = {
+        {"-", "", "", "", "", "", -1},  // no Name input
+        {"", "", "", "", "", "", -1},   // a path that cannot be split
+        {kBundle, "", "", "", "", "", -1},
+        {kBundle + "/Gone.vmx", "", "ReadFromTextFile@" + kBundle + "/A.vmx=-4", "", "", "A", -4},
+        {kBundle + "/Gone.vmx", "", "", "", "", "AB", -1},  // two .vmx: empty description
+        {kVmx, "", "", "guestOS = \"winxp\"\n", "", "", -1},
+        {kVmx, "", "", "displayName = \"W\"\nguestOS = \"\"\n", "", "", -1},
+        {kVmx, "5.0", "", Vmx("winxp"), "", "", -1},  // empty process listing
+        {kVmx, "5.0", "", Vmx("winxp"), ps, "", -1},  // no vmware.log
+        {kVmx, "5.0", "ReadFromTextFile@" + kBundle + "/vmware.log=-32", Vmx("winxp"), ps, "", -32},
+        {kVmx, "4.0", "", Vmx("winxp"), ps, "", -1},  // Fusion 4: the log inside the identifier
+        {kVmx, "3.0", "GetDirectoryList=-4", Vmx("winxp"), "", "", -4},
+    };
+    for (const auto& c : cases) {
+        mac.remove(kBundle);
+        if (!c.vmx.empty()) mac.writeFile(kVmx, c.vmx);
+        for (char other : c.others) mac.writeFile(kBundle + "/" + other + ".vmx", Vmx("winxp"));
+        mac.installTool("/bin/ps").respond(c.ps);
+        Failpoint(c.failpoint);
+        const Json inputs = c.name == "-" ? Json::object() : Json{{"Name", c.name}};
+        for (ImplVmMethod* method : {VirtualMachineImpl_VmWareFusion1_GetVMInfo,
+                                     VirtualMachineImpl_VmWareFusion1_GetVMNetwork}) {
+            auto r = Call(method, inputs, c.version);
+            EXPECT_EQ(r.result, c.code) << c.name << c.failpoint << c.vmx;
+            EXPECT_EQ(AdapterError(r.errors), c.code);
+            EXPECT_TRUE(r.outputs.empty());
+        }
+    }
+}
+
+}  // namespace
