@@ -87,7 +87,7 @@ TEST_F(VmWare, Fusion5Inventory) {
     // An empty entry is stepped over; a path that also stands earlier in the
     // text (index0.id) is met twice, since the scan resumes after its first
     // occurrence; an unterminated last entry ends the scan.
-    mac.writeFile(kInventory, "vmlist1.config = \"" + kVmx + "\"\nvmlist2.config = \"\"\n" +
+    mac.writeFile(kInventory, "vmlist1.config = \"" + kVmx + "\"\nvmlist2.Config = \"\"\n" +
                                   "vmlist3.config = \"/v/U.vmx\"\nindex0.id = \"" + kVmx +
                                   "\"\nvmlist4.config = \"" + kVmx + "\"\nvmlist5.config = \"/v");
     auto r = Call(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs);
@@ -236,6 +236,25 @@ TEST_F(VmWare, ReaderFailures) {
             EXPECT_TRUE(r.outputs.empty());
         }
     }
+}
+
+TEST_F(VmWare, EndToEndThroughImplvm) {
+    mac.writeFile(kInventory, "vmlist1.config = \"" + kVmx + "\"\n");
+    mac.writeFile(kVmx, Vmx("windows7-64", "ethernet0.present = \"TRUE\"\n"));
+    mac.installTool("/bin/ps").respond(" 1 vmware-vmx " + kVmx + "\n");
+    mac.writeFile(kBundle + "/vmware.log", "VMAutomation_Pause: pause = TRUE\n");
+    const auto call = [&](const std::string& method, const std::string& name) {
+        auto run = implvm_test::RunProcess({IMPLVM_BIN, "--root", mac.root(), "call", method,
+                                            "--in", "Name=" + name, "--product-version", "5.0.3"});
+        return Json::parse(run.out)["outputs"];
+    };
+    EXPECT_EQ(call("VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs", ""), (Json{{"VMs", {kVmx}}}));
+    EXPECT_EQ(call("VirtualMachineImpl_VmWareFusion1_GetVMInfo", kVmx),
+              (Json{{"UserFriendlyName", "VM windows7-64"},
+                    {"OS", {{"Type", 3}, {"Distribution", "Windows 7"}}},
+                    {"State", 2}}));
+    EXPECT_EQ(call("VirtualMachineImpl_VmWareFusion1_GetVMNetwork", kVmx)["Networks"][0]["Name"],
+              "Network");
 }
 
 }  // namespace

@@ -40,26 +40,26 @@ void AppendUntagged(std::vector<std::wstring>& vmxPaths, const std::wstring& tag
 
 constexpr std::wstring_view kConfigBegin = L"config = \"";
 constexpr std::wstring_view kConfigEnd = L"\"";
-constexpr std::wstring_view kEmptyConfig = L"config = \"\"";
 
 // The vmInventory names each VM on a `vmlistN.config = "<path>"` line. After
 // a value the scan resumes past the first occurrence of that value in what
-// is left (not past its marker), and an empty `config = ""` is stepped over.
-// Positions stand in for the remaining text, so the walk costs the file's
-// length, not a copy of its tail per entry.
+// is left (not past its marker), and an empty `config = ""` is stepped over;
+// a last entry without its closing quote ends the scan. Positions stand in
+// for the remaining text, so the walk costs the file's length, not a copy
+// of its tail per entry.
 void ScanInventory(const std::wstring& text, std::vector<std::wstring>& vmxPaths) {
     size_t from = 0;
     for (;;) {
+        size_t valuePos = npos;
         const std::wstring value = CStringUtils::ExtractStringBetweenEnhance(
-            text, kConfigBegin, kConfigEnd, from, nullptr);
-        if (!value.empty()) {
-            vmxPaths.push_back(value);
-            from = text.find(value, from) + value.size();
+            text, kConfigBegin, kConfigEnd, from, &valuePos);
+        if (valuePos == npos) return;
+        if (value.empty()) {
+            from = valuePos + kConfigEnd.size();
             continue;
         }
-        const size_t empty = text.find(kEmptyConfig, from);
-        if (empty == npos) return;
-        from = empty + kEmptyConfig.size();
+        vmxPaths.push_back(value);
+        from = text.find(value, from) + value.size();
     }
 }
 
