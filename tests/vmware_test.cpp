@@ -192,7 +192,7 @@ TEST_F(VmWare, NetworkAdapters) {
          "ethernet5.present = \"TRUE\"\n",
          {adapter("Network 2", 2, 0), adapter("Network 3", 1, 1), adapter("Network 4", 0, 1)}},
         {"ethernet0.present = \"TRUE\"\nethernet0.connectionType = \"hostonly\"\n",
-         {adapter("Network", 3, 1)}},
+         Json::array({adapter("Network", 3, 1)})},
         {"ethernet1.present = \"TRUE\"\n", nullptr},  // never typed: shown as null
     };
     for (const auto& [ethernet, networks] : cases) {
