@@ -1,0 +1,444 @@
+// Parallels Desktop: the registered VMs, what each one is (from its
+// config.pvs and the files of its bundle), and starting or operating VMs
+// through the system's "open", the Parallels client application and prlctl.
+//
+// A VM is named by its .pvm bundle (the 4.x methods) or by the config.pvs
+// inside it (the 9.x methods).
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <initializer_list>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ImplVirtualMachine.h"
+#include "KALDO/CAppleUtils.h"
+#include "KALDO/CFileUtils.h"
+#include "KALDO/CProcessUtils.h"
+#include "KALDO/CStringUtils.h"
+#include "MethodFrame.h"
+
+using KALDO::CAppleUtils;
+using KALDO::CFileUtils;
+using KALDO::CProcessUtils;
+using KALDO::CStringUtils;
+using KALDO::typeProperty;
+
+namespace {
+
+const std::wstring kDirectoryList = L"/Library/Preferences/Parallels/vmdirectorylist.desktop.xml";
+const std::wstring kOpenTool = L"open";
+const std::wstring kClientApp =
+    L"/Applications/Parallels Desktop.app/Contents/MacOS/prl_client_app";
+const std::wstring kClientAppProcess = L"prl_client_app";
+const std::wstring kServiceProcess = L"Parallels Desktop.app/Contents/MacOS/prl_disp_service";
+const std::wstring kPrlctl = L"/Applications/Parallels Desktop.app/Contents/MacOS/prlctl";
+
+constexpr int kServiceLookups = 40;
+constexpr int kStartAttempts = 40;
+
+// prlctl's answers that decide a start attempt or an operation.
+const std::wstring kServiceDown = L"Login failed: Unable to connect to Parallels Service";
+const std::wstring kStartRefused = L"Failed to start the VM: Unable to complete the operation";
+const std::wstring kStarting = L"Starting the VM...";
+const std::wstring kAlreadyRunning = L"is not stopped";
+const std::wstring kStarted = L"The VM has been successfully started";
+const std::wstring kLoginFailed = L"Login failed: Unable";
+
+// <OsType> -> "OS"/"Type". Anything else is 0 (other).
+struct OsTypeRow {
+    const wchar_t* osType;
+    int type;
+};
+constexpr OsTypeRow kOsTypes[] = {
+    {L"9", 1},  // Linux
+    {L"7", 2},  // Mac OS X
+    {L"8", 3},  // Windows
+};
+constexpr int kOtherOsType = 0;
+
+// <OsNumber> -> "OS"/"Distribution". Deliberately closed: every other number
+// is reported as Linux, whatever the guest is.
+struct DistributionRow {
+    const wchar_t* osNumber;
+    const wchar_t* distribution;
+};
+constexpr DistributionRow kDistributions[] = {
+    {L"1794", L"Mac OS X Server 10.5"}, {L"2049", L"Windows 3.11"},
+    {L"2050", L"Windows 95"},           {L"2051", L"Windows 98"},
+    {L"2052", L"Windows ME"},           {L"2053", L"Windows NT"},
+    {L"2054", L"Windows 2000"},         {L"2055", L"Windows XP"},
+    {L"2056", L"Windows Server 2003"},  {L"2057", L"Windows Vista"},
+    {L"2058", L"Windows Server 2008"},
+};
+constexpr const wchar_t* kOtherDistribution = L"Linux";
+
+// <EmulatedType> -> "Networks"/"Type". Any other attachment gets no "Type".
+struct EmulatedTypeRow {
+    const wchar_t* emulatedType;
+    int type;
+};
+constexpr EmulatedTypeRow kEmulatedTypes[] = {
+    {L"0", 3},  // host-only
+    {L"1", 1},  // shared (NAT)
+    {L"2", 2},  // bridged
+};
+
+// The row whose first column equals `key` exactly, or null.
+template <typename Row, size_t N, typename Key>
+const Row* FindRow(const Row (&table)[N], Key Row::*column, const std::wstring& key) {
+    const auto it = std::find_if(std::begin(table), std::end(table),
+                                 [&](const Row& row) { return key == row.*column; });
+    return it == std::end(table) ? nullptr : it;
+}
+
+bool Contains(const std::wstring& text, const std::wstring& part) {
+    return text.find(part) != std::wstring::npos;
+}
+
+// The text between two markers of an element body (no section).
+std::wstring ElementText(const std::wstring& body, const wchar_t* open, const wchar_t* close) {
+    return CStringUtils::ParseSubstringFromString(body, L"", open, close, nullptr);
+}
+
+// A registered home may carry more after the bundle ("Win.pvm/",
+// "Win.pvm/config.pvs"); the VM is named by the bundle itself.
+void CutAfterBundle(std::wstring& home) {
+    static const std::wstring kBundleSuffix = L".pvm";
+    const size_t at = home.rfind(kBundleSuffix);
+    if (at != std::wstring::npos && at + kBundleSuffix.size() < home.size())
+        home.erase(at + kBundleSuffix.size());
+}
+
+// "State" from the names of the bundle's entries: a memory file means the VM
+// is up; a saved configuration beside it means it is suspended.
+int StateFromEntries(const std::vector<std::wstring>& entries) {
+    bool memory = false;
+    bool saved = false;
+    for (const std::wstring& entry : entries) {
+        if (CStringUtils::EndsWith(entry, L".mem", 0))
+            memory = true;
+        else if (entry == L"config.sav")
+            saved = true;
+    }
+    if (!memory) return 3;
+    return saved ? 2 : 1;
+}
+
+// One "Networks" element from a <NetworkAdapter> body; `number` is the
+// adapter's 1-based place among all adapters, disabled ones included.
+typeProperty AdapterRecord(const std::wstring& body, int number) {
+    std::wstring name = ElementText(body, L"<UserFriendlyName>", L"</UserFriendlyName>");
+    if (name.empty()) name = L"Network Adapter " + CStringUtils::I32ToStr(number);
+
+    typeProperty adapter;
+    adapter.addMapVal(L"Name", name);
+    const std::wstring emulated = ElementText(body, L"<EmulatedType>", L"</EmulatedType>");
+    if (const EmulatedTypeRow* row =
+            FindRow(kEmulatedTypes, &EmulatedTypeRow::emulatedType, emulated))
+        adapter.addMapVal(L"Type", row->type);
+    const std::wstring connected = ElementText(body, L"<Connected>", L"</Connected>");
+    adapter.addMapVal(L"IsConnected", connected == L"0" ? 0 : 1);
+    // The address is not taken from the configuration; the key is part of
+    // the record all the same.
+    adapter.addMapVal(L"MacAddress", std::wstring());
+    return adapter;
+}
+
+// The VM's UUID, without its braces, from config.pvs text ("" when absent).
+// The section marker is left open so that an <Identification> element with
+// attributes matches too.
+std::wstring VmUuid(const std::wstring& configText) {
+    return CStringUtils::ParseSubstringFromString(configText, L"<Identification", L"<VmUuid>{",
+                                                  L"}</VmUuid>", nullptr);
+}
+
+// The result of a user-id switch is not acted on: a refused switch leaves
+// the process as it was, and the tools then run as the host's user.
+void SwitchEffectiveUser(uid_t user) {
+    if (seteuid(user) != 0) return;
+}
+void SwitchUser(uid_t user) {
+    if (setuid(user) != 0) return;
+}
+
+// Runs the enclosed tools as the console user, and undoes that on leaving.
+//
+// Only the effective user id changes: a host running as root keeps its real
+// and saved id 0 and so can take its effective id back afterwards, which a
+// plain setuid to another user would make impossible. A host that may not
+// switch (not root, another user) stays itself. The switch is process-wide
+// (every thread of the host runs as the console user meanwhile); the methods
+// that use it take no locks.
+class ConsoleUserScope {
+  public:
+    explicit ConsoleUserScope(uid_t consoleUser) : hostUser_(geteuid()) {
+        SwitchEffectiveUser(consoleUser);
+    }
+    ~ConsoleUserScope() { SwitchEffectiveUser(hostUser_); }
+    ConsoleUserScope(const ConsoleUserScope&) = delete;
+    ConsoleUserScope& operator=(const ConsoleUserScope&) = delete;
+
+  private:
+    const uid_t hostUser_;
+};
+
+// The forked child of the 9.x start: it brings up the Parallels GUI as the
+// console user and ends. It runs nothing of the host: no return into the
+// caller, no exit handlers, no flush of the stdio buffers it inherited.
+[[noreturn]] void RunClientAppAndEnd(uid_t consoleUser, uid_t hostUser) {
+    // The child never comes back to the host, so it drops to the console
+    // user for good; the GUI then runs wholly as that user.
+    SwitchUser(consoleUser);
+    close(1);
+    close(2);
+    int pid = -1;
+    (void)CProcessUtils::GetProcessIdByName(kClientAppProcess, pid, false, true);
+    int exitStatus = 0;
+    (void)CProcessUtils::ExecuteSafeToText(kClientApp, {L""}, exitStatus, nullptr, nullptr,
+                                           nullptr);
+    SwitchUser(hostUser);
+    _exit(0);
+}
+
+// Waits for the Parallels service to show up in the process list, for a
+// bounded number of looks; whether it came does not matter to the caller.
+void WaitForService() {
+    int pid = -1;
+    for (int look = 0; look < kServiceLookups; ++look) {
+        if (CProcessUtils::GetProcessIdByName(kServiceProcess, pid, false, true) < 0 || pid != -1)
+            break;
+    }
+}
+
+// One "prlctl start" attempt: the run's result, turned into -4 by a refusal
+// and into 0 by a start or by an already running VM. Progress texts count
+// only after prlctl said it is starting the VM.
+int StartAttempt(const std::vector<std::wstring>& args) {
+    int exitStatus = 0;
+    std::wstring out;
+    std::wstring err;
+    std::wstring diagnostic;
+    int code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic);
+    if (code < 0) return code;
+    if (Contains(err, kServiceDown)) code = -4;
+    if (Contains(err, kStartRefused)) code = -4;
+    if (Contains(out, kStarting)) {
+        if (Contains(out, kAlreadyRunning)) code = 0;
+        if (Contains(out, kStarted)) code = 0;
+    }
+    return code;
+}
+
+}  // namespace
+
+// ---- Inventory ----
+
+int VirtualMachineImpl_Parallels4_GetAllVms(std::vector<std::wstring>& vmHomes) {
+    std::wstring text;
+    int rc = CFileUtils::ReadFromTextFile(kDirectoryList, text);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+
+    std::vector<std::wstring> homes;
+    rc = CStringUtils::ParseSubstringFromStringEx(text, homes, L"<VirtualMachine>", L"<VmHome>",
+                                                  L"</VmHome>", 0, 1);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+
+    // A registered VM whose bundle is gone is simply not listed.
+    for (std::wstring& home : homes) {
+        CutAfterBundle(home);
+        if (CFileUtils::IsFilePresent(home) >= 0) vmHomes.push_back(std::move(home));
+    }
+    return 0;
+}
+
+int VirtualMachineImpl_Parallels4_EnumerateVMs(int, int, int, const KALDO::CSoftwareVersion*,
+                                               const typeProperty*, typeProperty* outputs) {
+    // An unreadable directory list is already recorded by the list builder;
+    // the host sees it as no VMs.
+    std::vector<std::wstring> homes;
+    (void)VirtualMachineImpl_Parallels4_GetAllVms(homes);
+    ImplVm::WriteVmList(outputs, homes);
+    return 0;
+}
+
+// ---- Configuration reader ----
+
+int VirtualMachineImpl_Parallels4_GetInfoForVm(const std::wstring& vmHome,
+                                               typeProperty* description) {
+    description->clear();
+
+    std::wstring text;
+    int rc = CFileUtils::ReadFromTextFile(vmHome + L"/config.pvs", text);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+
+    const std::wstring name = CStringUtils::ParseSubstringFromString(
+        text, L"<Identification>", L"<VmName>", L"</VmName>", nullptr);
+    if (name.empty()) return IMPLVM_RECORD(-1);
+
+    const std::wstring osType = CStringUtils::ParseSubstringFromString(
+        text, L"<General>", L"<OsType>", L"</OsType>", nullptr);
+    if (osType.empty()) return IMPLVM_RECORD(-1);
+    const OsTypeRow* typeRow = FindRow(kOsTypes, &OsTypeRow::osType, osType);
+
+    const std::wstring osNumber = CStringUtils::ParseSubstringFromString(
+        text, L"<General>", L"<OsNumber>", L"</OsNumber>", nullptr);
+    if (osNumber.empty()) return IMPLVM_RECORD(-1);
+    const DistributionRow* distRow = FindRow(kDistributions, &DistributionRow::osNumber, osNumber);
+
+    typeProperty os;
+    os.addMapVal(L"Type", typeRow ? typeRow->type : kOtherOsType);
+    os.addMapVal(L"Distribution",
+                 std::wstring(distRow ? distRow->distribution : kOtherDistribution));
+
+    std::vector<std::wstring> entries;
+    rc = CFileUtils::GetDirectoryList(vmHome, entries);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    const int state = StateFromEntries(entries);
+
+    std::vector<std::wstring> adapters;
+    rc = CStringUtils::ParseSubstringFromStringEx(text, adapters, L"", L"<NetworkAdapter>",
+                                                  L"</NetworkAdapter>", 0, 1);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    typeProperty networks;
+    networks.changeTypeToVec();  // no adapter at all is an empty list, not a missing one
+    for (size_t i = 0; i < adapters.size(); ++i) {
+        // A disabled adapter is left out but keeps its number.
+        if (ElementText(adapters[i], L"<Enabled>", L"</Enabled>") == L"0") continue;
+        networks.addVecVal(AdapterRecord(adapters[i], static_cast<int>(i) + 1));
+    }
+
+    description->addString(L"UserFriendlyName", name);
+    description->addSubTree(L"OS", os);
+    description->addInteger(L"State", state);
+    description->addSubTree(L"Networks", networks);
+    return 0;
+}
+
+namespace {
+
+// GetVMInfo and GetVMNetwork: describe the VM named by input "Name" and pass
+// `keys` of the description on to the outputs, all of them or none.
+int PassOnDescription(const typeProperty* inputs, typeProperty* outputs,
+                      std::initializer_list<const wchar_t*> keys) {
+    std::wstring vmHome;
+    int rc = ImplVm::ReadInput(inputs, L"Name", vmHome);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+
+    typeProperty description;
+    rc = VirtualMachineImpl_Parallels4_GetInfoForVm(vmHome, &description);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    return ImplVm::CopyDescription(description, keys, outputs, __FILE__, __LINE__);
+}
+
+}  // namespace
+
+int VirtualMachineImpl_Parallels4_GetVMInfo(int, int, int, const KALDO::CSoftwareVersion*,
+                                            const typeProperty* inputs, typeProperty* outputs) {
+    return PassOnDescription(inputs, outputs, {L"UserFriendlyName", L"OS", L"State"});
+}
+
+int VirtualMachineImpl_Parallels4_GetVMNetwork(int, int, int, const KALDO::CSoftwareVersion*,
+                                               const typeProperty* inputs, typeProperty* outputs) {
+    return PassOnDescription(inputs, outputs, {L"Networks"});
+}
+
+// ---- Control ----
+
+int VirtualMachineImpl_Parallels4_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
+                                          const typeProperty* inputs, typeProperty*) {
+    std::wstring vmHome;
+    int rc = ImplVm::ReadInput(inputs, L"Name", vmHome);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+
+    // "open" hands the bundle to the Parallels application; the VM's state
+    // is not looked at before or after.
+    int exitStatus = 0;
+    std::wstring out;
+    rc = CProcessUtils::ExecuteSafeToText(kOpenTool, {vmHome}, exitStatus, &out, nullptr, nullptr);
+    if (rc < 0) return IMPLVM_FAIL(rc);
+    if (exitStatus != 0) return IMPLVM_RECORD(-1);
+    return 0;
+}
+
+int ImplVirtualMachine_Parallels_9_X_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
+                                             const typeProperty* inputs, typeProperty*) {
+    std::wstring configPath;
+    if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(-3);
+
+    // Both processes go on from here and both look up the console user; a
+    // child whose lookup fails returns -4 like its parent.
+    const pid_t child = fork();
+    const uid_t hostUser = getuid();
+    int consoleUser = 0;
+    std::wstring consoleHome;
+    if (CAppleUtils::GetCurrentLoggedInUserInfo(consoleHome, &consoleUser, nullptr) < 0)
+        return IMPLVM_RECORD(-4);
+
+    if (child == 0) RunClientAppAndEnd(static_cast<uid_t>(consoleUser), hostUser);
+    if (child < 0) return IMPLVM_RECORD(-1);
+
+    // The child is left to itself: it lives as long as the GUI it started.
+    WaitForService();
+    sleep(1);
+
+    if (CFileUtils::IsFilePresent(configPath) < 0) return IMPLVM_RECORD(-6);
+    // An unreadable file leaves the path in place, which holds no UUID.
+    std::wstring text = configPath;
+    (void)CFileUtils::ReadFromTextFile(configPath, text);
+    const std::wstring uuid = VmUuid(text);
+    if (uuid.empty()) return IMPLVM_RECORD(-6);
+
+    const std::vector<std::wstring> args = {L"start", uuid};
+    int code = 0;
+    {
+        ConsoleUserScope asConsoleUser(static_cast<uid_t>(consoleUser));
+        // The service may still be coming up: it refuses logins until it is.
+        for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+            sleep(1);
+            code = StartAttempt(args);
+            if (code >= 0) break;
+        }
+    }
+    return IMPLVM_RECORD(code);
+}
+
+int ImplVirtualMachine_Parallels_9_X_OperateVM(int, int, int, const KALDO::CSoftwareVersion*,
+                                               const typeProperty* inputs, typeProperty*) {
+    std::wstring configPath;
+    if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(-3);
+    std::wstring command;
+    if (ImplVm::ReadInput(inputs, L"COMMAND", command) < 0) return IMPLVM_RECORD(-3);
+    std::wstring option;
+    (void)ImplVm::ReadInput(inputs, L"OPTION", option);
+
+    if (CFileUtils::IsFilePresent(configPath) < 0) return IMPLVM_RECORD(-6);
+    std::wstring text;
+    if (CFileUtils::ReadFromTextFile(configPath, text) < 0) return IMPLVM_RECORD(-1);
+    const std::wstring uuid = VmUuid(text);
+    if (uuid.empty()) return IMPLVM_RECORD(-6);
+
+    std::vector<std::wstring> args = {command, uuid};
+    if (!option.empty()) args.push_back(option);
+
+    int consoleUser = 0;
+    std::wstring consoleHome;
+    if (CAppleUtils::GetCurrentLoggedInUserInfo(consoleHome, &consoleUser, nullptr) < 0)
+        return IMPLVM_RECORD(-1);
+
+    int code = 0;
+    {
+        ConsoleUserScope asConsoleUser(static_cast<uid_t>(consoleUser));
+        int exitStatus = 0;
+        std::wstring out;
+        std::wstring err;
+        std::wstring diagnostic;
+        code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic);
+        if (code >= 0 && Contains(err, kLoginFailed)) code = -4;
+    }
+    return IMPLVM_RECORD(code);
+}
