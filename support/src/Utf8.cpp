@@ -1,9 +1,13 @@
 #include "Utf8.h"
 
-#include <cstring>
-
 #if defined(__SSE2__)
 #include <emmintrin.h>
+#endif
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define KALDO_UTF8_AVX2 1
+#else
+#define KALDO_UTF8_AVX2 0
 #endif
 
 static_assert(sizeof(wchar_t) == 4, "CoreUtils keeps text as UTF-32 in 4-byte wchar_t");
@@ -12,12 +16,15 @@ namespace KALDO::detail {
 
 namespace {
 
-// Widens 16 bytes into 16 wide characters when all of them are ASCII; the
-// common case of configuration files and logs, worth a vector path.
-inline bool WidenAscii16(const unsigned char* in, wchar_t* out) {
+// Widens the 16 bytes at `in` into 16 wide characters at `out` and returns
+// how many of them, from the front, were ASCII (16 when all were). Only that
+// many output characters are valid; the caller overwrites the rest. Logs and
+// configuration files are mostly ASCII with a few accented names or symbols,
+// so the vector step must keep working between non-ASCII characters rather
+// than give up on a whole block for one of them.
+inline unsigned WidenAsciiPrefix16(const unsigned char* in, wchar_t* out) {
 #if defined(__SSE2__)
     const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-    if (_mm_movemask_epi8(v) != 0) return false;
     const __m128i zero = _mm_setzero_si128();
     const __m128i lo = _mm_unpacklo_epi8(v, zero);
     const __m128i hi = _mm_unpackhi_epi8(v, zero);
@@ -26,85 +33,189 @@ inline bool WidenAscii16(const unsigned char* in, wchar_t* out) {
     _mm_storeu_si128(dst + 1, _mm_unpackhi_epi16(lo, zero));
     _mm_storeu_si128(dst + 2, _mm_unpacklo_epi16(hi, zero));
     _mm_storeu_si128(dst + 3, _mm_unpackhi_epi16(hi, zero));
-    return true;
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(v));
+    return mask == 0 ? 16u : static_cast<unsigned>(__builtin_ctz(mask));
 #else
-    uint64_t a;
-    uint64_t b;
-    std::memcpy(&a, in, 8);
-    std::memcpy(&b, in + 8, 8);
-    if (((a | b) & 0x8080808080808080ULL) != 0) return false;
-    for (int k = 0; k < 16; ++k) out[k] = static_cast<wchar_t>(in[k]);
-    return true;
+    unsigned n = 0;
+    while (n < 16 && in[n] < 0x80) {
+        out[n] = static_cast<wchar_t>(in[n]);
+        ++n;
+    }
+    return n;
 #endif
 }
+
+inline bool IsContinuation(unsigned b) {
+    return (b & 0xC0) == 0x80;
+}
+
+// Decodes the sequence at `in` (whose lead byte is not ASCII) when it is
+// well formed; returns its length, or 0 when it is not (the careful path then
+// decides how many U+FFFD it makes). The caller guarantees four readable bytes.
+inline unsigned DecodeWellFormed(const unsigned char* in, wchar_t& out) {
+    const unsigned c = in[0];
+    const unsigned b1 = in[1];
+    if (c >= 0xC2 && c <= 0xDF) {
+        if (!IsContinuation(b1)) return 0;
+        out = static_cast<wchar_t>(((c & 0x1F) << 6) | (b1 & 0x3F));
+        return 2;
+    }
+    const unsigned b2 = in[2];
+    if ((c & 0xF0) == 0xE0) {
+        if (!IsContinuation(b1) || !IsContinuation(b2)) return 0;
+        const uint32_t cp = ((c & 0x0F) << 12) | ((b1 & 0x3F) << 6) | (b2 & 0x3F);
+        if (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
+        out = static_cast<wchar_t>(cp);
+        return 3;
+    }
+    const unsigned b3 = in[3];
+    if (c >= 0xF0 && c <= 0xF4) {
+        if (!IsContinuation(b1) || !IsContinuation(b2) || !IsContinuation(b3)) return 0;
+        const uint32_t cp =
+            ((c & 0x07) << 18) | ((b1 & 0x3F) << 12) | ((b2 & 0x3F) << 6) | (b3 & 0x3F);
+        if (cp < 0x10000 || cp > 0x10FFFF) return 0;
+        out = static_cast<wchar_t>(cp);
+        return 4;
+    }
+    return 0;
+}
+
+// Decodes one character at in[i] the careful way: every malformed sequence
+// becomes U+FFFD as the header describes. Returns false, leaving i at the
+// sequence, when the input ends inside a sequence that is valid so far and
+// more input may follow (!final).
+inline bool DecodeOne(const unsigned char* in, size_t size, size_t& i, wchar_t* out, size_t& o,
+                      bool final) {
+    const unsigned c = in[i];
+    if (c < 0x80) {
+        out[o++] = static_cast<wchar_t>(c);
+        ++i;
+        return true;
+    }
+    // The valid range of the second byte depends on the lead byte; it is
+    // what rules out overlong forms, surrogates and values past U+10FFFF.
+    unsigned need;
+    unsigned lo = 0x80;
+    unsigned hi = 0xBF;
+    uint32_t cp;
+    if (c >= 0xC2 && c <= 0xDF) {
+        need = 1;
+        cp = c & 0x1F;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        need = 2;
+        cp = c & 0x0F;
+        if (c == 0xE0) lo = 0xA0;
+        if (c == 0xED) hi = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        need = 3;
+        cp = c & 0x07;
+        if (c == 0xF0) lo = 0x90;
+        if (c == 0xF4) hi = 0x8F;
+    } else {
+        out[o++] = kReplacement;
+        ++i;
+        return true;
+    }
+    size_t j = i + 1;
+    bool complete = true;
+    for (unsigned k = 0; k < need; ++k, ++j) {
+        if (j >= size) {
+            if (!final) return false;
+            complete = false;
+            break;
+        }
+        const unsigned b = in[j];
+        if (b < lo || b > hi) {
+            complete = false;
+            break;
+        }
+        lo = 0x80;
+        hi = 0xBF;
+        cp = (cp << 6) | (b & 0x3F);
+    }
+    out[o++] = complete ? static_cast<wchar_t>(cp) : kReplacement;
+    i = j;
+    return true;
+}
+
+// The portable loop, from input position i and output position o.
+size_t DecodeFrom(const unsigned char* in, size_t size, wchar_t* out, bool final, size_t i,
+                  size_t o, size_t& consumed) {
+    while (i < size) {
+        // Never more characters than bytes (o <= i), so the 16 characters
+        // written here always fit in the room the caller gave for `size`.
+        if (size - i >= 16) {
+            const unsigned ascii = WidenAsciiPrefix16(in + i, out + o);
+            i += ascii;
+            o += ascii;
+            if (ascii == 16) continue;
+            // A well-formed sequence: straight-line decoding.
+            if (size - i >= 4) {
+                if (const unsigned length = DecodeWellFormed(in + i, out[o])) {
+                    i += length;
+                    ++o;
+                    continue;
+                }
+            }
+        }
+        if (!DecodeOne(in, size, i, out, o, final)) break;
+    }
+    consumed = i;
+    return o;
+}
+
+#if KALDO_UTF8_AVX2
+// Where the processor has AVX2 (nearly every x86-64 Mac and server), 32
+// bytes a step: text with a few non-ASCII characters per line then decodes
+// at about the speed of copying its wide form.
+__attribute__((target("avx2"))) inline unsigned WidenAsciiPrefix32(const unsigned char* in,
+                                                                   wchar_t* out) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in));
+    auto* dst = reinterpret_cast<__m256i*>(out);
+    for (int k = 0; k < 4; ++k) {
+        const __m128i eight = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + 8 * k));
+        _mm256_storeu_si256(dst + k, _mm256_cvtepu8_epi32(eight));
+    }
+    const unsigned mask = static_cast<unsigned>(_mm256_movemask_epi8(v));
+    return mask == 0 ? 32u : static_cast<unsigned>(__builtin_ctz(mask));
+}
+
+__attribute__((target("avx2"))) size_t DecodeAvx2(const unsigned char* in, size_t size,
+                                                  wchar_t* out, bool final, size_t& consumed) {
+    size_t i = 0;
+    size_t o = 0;
+    while (size - i >= 32) {
+        const unsigned ascii = WidenAsciiPrefix32(in + i, out + o);
+        i += ascii;
+        o += ascii;
+        if (ascii == 32) continue;
+        if (size - i >= 4) {
+            if (const unsigned length = DecodeWellFormed(in + i, out[o])) {
+                i += length;
+                ++o;
+                continue;
+            }
+        }
+        if (!DecodeOne(in, size, i, out, o, final)) break;
+    }
+    return DecodeFrom(in, size, out, final, i, o, consumed);
+}
+
+bool HasAvx2() {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2");
+}
+#endif
 
 }  // namespace
 
 size_t DecodeUtf8(const unsigned char* in, size_t size, wchar_t* out, bool final,
                   size_t& consumed) {
-    size_t i = 0;
-    size_t o = 0;
-    while (i < size) {
-        if (size - i >= 16 && WidenAscii16(in + i, out + o)) {
-            i += 16;
-            o += 16;
-            continue;
-        }
-        const unsigned c = in[i];
-        if (c < 0x80) {
-            out[o++] = static_cast<wchar_t>(c);
-            ++i;
-            continue;
-        }
-        // The valid range of the second byte depends on the lead byte; it is
-        // what rules out overlong forms, surrogates and values past U+10FFFF.
-        unsigned need;
-        unsigned lo = 0x80;
-        unsigned hi = 0xBF;
-        uint32_t cp;
-        if (c >= 0xC2 && c <= 0xDF) {
-            need = 1;
-            cp = c & 0x1F;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            need = 2;
-            cp = c & 0x0F;
-            if (c == 0xE0) lo = 0xA0;
-            if (c == 0xED) hi = 0x9F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            need = 3;
-            cp = c & 0x07;
-            if (c == 0xF0) lo = 0x90;
-            if (c == 0xF4) hi = 0x8F;
-        } else {
-            out[o++] = kReplacement;
-            ++i;
-            continue;
-        }
-        size_t j = i + 1;
-        bool complete = true;
-        for (unsigned k = 0; k < need; ++k, ++j) {
-            if (j >= size) {
-                if (!final) {
-                    consumed = i;
-                    return o;
-                }
-                complete = false;
-                break;
-            }
-            const unsigned b = in[j];
-            if (b < lo || b > hi) {
-                complete = false;
-                break;
-            }
-            lo = 0x80;
-            hi = 0xBF;
-            cp = (cp << 6) | (b & 0x3F);
-        }
-        out[o++] = complete ? static_cast<wchar_t>(cp) : kReplacement;
-        i = j;
-    }
-    consumed = i;
-    return o;
+#if KALDO_UTF8_AVX2
+    static const bool avx2 = HasAvx2();
+    if (avx2) return DecodeAvx2(in, size, out, final, consumed);
+#endif
+    return DecodeFrom(in, size, out, final, 0, 0, consumed);
 }
 
 void EncodeUtf8(const wchar_t* text, size_t size, std::string& out) {
