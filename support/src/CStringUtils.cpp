@@ -26,17 +26,51 @@ wchar_t AsciiLower(wchar_t c) {
     return (c >= L'A' && c <= L'Z') ? c + (L'a' - L'A') : c;
 }
 
+bool IsAsciiLetter(wchar_t c) {
+    const wchar_t lower = AsciiLower(c);
+    return lower >= L'a' && lower <= L'z';
+}
+
+bool MatchesFoldedAt(std::wstring_view text, size_t pos, std::wstring_view marker) {
+    for (size_t i = 0; i < marker.size(); ++i)
+        if (AsciiLower(text[pos + i]) != AsciiLower(marker[i])) return false;
+    return true;
+}
+
+// The marker character to look for first: one with a single spelling (not an
+// ASCII letter), preferably not a blank, which is everywhere in text. npos
+// when the marker is all letters.
+size_t AnchorOf(std::wstring_view marker) {
+    size_t blank = npos;
+    for (size_t k = 0; k < marker.size(); ++k) {
+        if (IsAsciiLetter(marker[k])) continue;
+        if (marker[k] != L' ') return k;
+        if (blank == npos) blank = k;
+    }
+    return blank;
+}
+
 // The first position at or after `from` where marker occurs, ASCII letters
-// compared without regard to case.
+// compared without regard to case. Nearly every marker holds a character
+// that is not a letter ("=", "<", a quote): the library's search for one
+// character is vectorised, so the text is walked from one occurrence of it to
+// the next and only there compared folded.
 size_t FindFolded(std::wstring_view text, std::wstring_view marker, size_t from) {
     if (marker.empty()) return from <= text.size() ? from : npos;
-    if (marker.size() > text.size()) return npos;
+    if (marker.size() > text.size() || from > text.size() - marker.size()) return npos;
+    const size_t last = text.size() - marker.size();  // the last possible start
+    const size_t anchor = AnchorOf(marker);
+    if (anchor != npos) {
+        const wchar_t c = marker[anchor];
+        for (size_t hit = text.find(c, from + anchor); hit != npos && hit - anchor <= last;
+             hit = text.find(c, hit + 1)) {
+            if (MatchesFoldedAt(text, hit - anchor, marker)) return hit - anchor;
+        }
+        return npos;
+    }
     const wchar_t first = AsciiLower(marker[0]);
-    for (size_t pos = from; pos + marker.size() <= text.size(); ++pos) {
-        if (AsciiLower(text[pos]) != first) continue;
-        size_t i = 1;
-        while (i < marker.size() && AsciiLower(text[pos + i]) == AsciiLower(marker[i])) ++i;
-        if (i == marker.size()) return pos;
+    for (size_t pos = from; pos <= last; ++pos) {
+        if (AsciiLower(text[pos]) == first && MatchesFoldedAt(text, pos, marker)) return pos;
     }
     return npos;
 }
