@@ -1,6 +1,7 @@
 // VMware Fusion: the VM library (preferences list or vmInventory), the .vmx
 // reader with its guest-OS table and power-state rules, and the power and
 // snapshot actions through vmrun.
+#include <array>
 #include <span>
 #include <string>
 #include <string_view>
@@ -178,12 +179,33 @@ int ReadVmx(std::wstring& vmPath, const std::wstring& fileName, bool isVmxPath, 
     return rc < 0 ? IMPLVM_FAIL(rc) : 0;
 }
 
+// The start of the last occurrence of needle in text, or npos. rfind tries
+// the whole needle at every position from the end; over a log of hundreds of
+// megabytes a skipping search (Horspool's, mirrored) costs a fraction of
+// that. shift[c]: how far the window may move left when the text character
+// at its start is c, i.e. the nearest later position of c in the needle;
+// characters share a slot by their low byte, keeping the smallest shift.
+size_t FindLast(const std::wstring& text, std::wstring_view needle) {
+    const size_t n = needle.size();
+    if (n == 0 || n > text.size()) return n == 0 ? text.size() : npos;
+    std::array<size_t, 256> shift;
+    shift.fill(n);
+    for (size_t i = n - 1; i > 0; --i) shift[needle[i] & 0xFF] = i;
+    for (size_t start = text.size() - n;;) {
+        if (text[start] == needle[0] && std::wstring_view(text).substr(start, n) == needle)
+            return start;
+        const size_t step = shift[text[start] & 0xFF];
+        if (start < step) return npos;
+        start -= step;
+    }
+}
+
 // A VM that Fusion paused through its automation interface logs
 // "pause = TRUE" and, once resumed, "pause = FALSE". Only the last TRUE
 // matters; the power-change search starts at the FALSE match, so a TRUE
 // without a later FALSE always reads as paused.
 bool PausedByLog(const std::wstring& log) {
-    const size_t pauseOn = log.rfind(L"VMAutomation_Pause: pause = TRUE");
+    const size_t pauseOn = FindLast(log, L"VMAutomation_Pause: pause = TRUE");
     if (pauseOn == npos) return false;
     const size_t pauseOff = log.find(L"VMAutomation_Pause: pause = FALSE", pauseOn);
     const bool resumed =
