@@ -103,17 +103,25 @@ void MemcpyWide(benchmark::State& state, const Kind& kind, size_t mb) {
 
 // ---- marker searches ----
 
-// About 4 million characters of log with the looked-for line at the very end,
-// so every search walks the whole text.
+// About 4 million characters of configuration lines (`key = "value"`, as in
+// .vmx files and inventories: the marker's "=" and quote are on every line)
+// with the looked-for lines at the very end, so every search walks the whole
+// text and meets a near miss on each line.
 const std::wstring& SearchText(bool crlf) {
     static const std::wstring lf = [] {
-        std::string text = LogText(4 * kMB, 0.0);
+        std::string text;
+        for (int n = 0; text.size() < 4 * kMB; ++n) {
+            const std::string index = std::to_string(n % 1000);
+            text += "ethernet" + index + ".displayNames = \"Adapter " + index + "\"\n";
+            text += "sched.config" + index + " = \"" + std::to_string(n) + "\"\n";
+            text += "vmlist" + index + ".config.version = \"8\"\n";
+        }
         text += "config = \"/Users/ann/VM.vmx\"\ndisplayName = \"Bench VM\"\n";
         return KALDO::CStringUtils::StringToWString(text);
     }();
     static const std::wstring withCr = [] {
         std::wstring text;
-        text.reserve(lf.size() + lf.size() / 40);
+        text.reserve(lf.size() + lf.size() / 16);
         for (wchar_t c : lf) {
             if (c == L'\n') text += L'\r';
             text += c;
