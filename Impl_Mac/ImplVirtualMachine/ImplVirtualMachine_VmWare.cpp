@@ -420,9 +420,13 @@ int VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs(int, int, int, const KALDO::
     if (rc < 0) return rc;
     // A user who never ran Fusion 5 has no inventory: an empty library.
     std::vector<std::wstring> vmxPaths;
-    std::wstring text;
-    if (KALDO::CFileUtils::ReadFromTextFile(home + kInventory, text) >= 0)
-        ScanInventory(text, vmxPaths);
+    {
+        // Let the text go before the output list is built: a large
+        // inventory's text is several times the size of the list.
+        std::wstring text;
+        if (KALDO::CFileUtils::ReadFromTextFile(home + kInventory, text) >= 0)
+            ScanInventory(text, vmxPaths);
+    }
     ImplVm::WriteVmList(outputs, vmxPaths);
     return 0;
 }
