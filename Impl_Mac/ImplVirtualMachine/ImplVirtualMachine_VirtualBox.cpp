@@ -214,8 +214,8 @@ int VirtualMachineImpl_VirtualBox2_GetAllVms(std::vector<std::wstring>* vms, int
     if (rc < 0) return IMPLVM_FAIL(rc);
 
     const bool relative = majorVersion < kFirstAbsolutePathsMajor;
-    for (const std::wstring& source : sources) {
-        vms->push_back(relative ? settingsFolder + source : source);
+    for (std::wstring& source : sources) {
+        vms->push_back(relative ? settingsFolder + source : std::move(source));
     }
     return 0;
 }
