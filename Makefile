@@ -28,6 +28,11 @@ test-tsan: deps
 demo: build
 	scripts/demo
 
+# Release build of bench/ and every figure beside its baseline (not part of
+# the test suite; see docs/performance.md).
+bench: deps
+	scripts/bench
+
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
