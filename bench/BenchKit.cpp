@@ -241,11 +241,29 @@ int RunAndSummarize(int argc, char** argv, const std::vector<Comparison>& compar
     const auto& figures = reporter.figures();
     int missed = 0;
     std::ostringstream table;
+    // A side's time and its text; a ratio of two runs when `over` is set.
+    auto side = [&figures](const std::string& name, const std::string& over, double& value,
+                           std::string& text) {
+        const auto f = figures.find(name);
+        const auto o = over.empty() ? figures.end() : figures.find(over);
+        if (f == figures.end() || (!over.empty() && o == figures.end())) return false;
+        value = f->second.realNs;
+        text = FigureText(f->second);
+        if (!over.empty()) {
+            value /= o->second.realNs;
+            text += " / " + FigureText(o->second) + " = " + Fixed(value, 2);
+        }
+        return true;
+    };
     for (const Comparison& c : comparisons) {
-        const auto m = figures.find(c.measured);
-        const auto b = figures.find(c.baseline);
-        if (m == figures.end() || b == figures.end()) continue;
-        const double cost = m->second.realNs / b->second.realNs;
+        double measured = 0;
+        double baseline = 0;
+        std::string measuredText;
+        std::string baselineText;
+        if (!side(c.measured, c.measuredOver, measured, measuredText) ||
+            !side(c.baseline, c.baselineOver, baseline, baselineText))
+            continue;
+        const double cost = measured / baseline;
         const double ratio = c.goal == Goal::kSpeedAtLeast ? 1 / cost : cost;
         const bool hasTarget = c.goal != Goal::kInfo;
         const bool met = c.goal == Goal::kCostAtMost     ? ratio <= c.target
@@ -254,12 +272,12 @@ int RunAndSummarize(int argc, char** argv, const std::vector<Comparison>& compar
         if (!met) ++missed;
         const std::string ratioText =
             (c.goal == Goal::kSpeedAtLeast ? "speed " : "cost ") + Fixed(ratio, 2) + "x";
-        table << "  " << c.figure << "\n      " << FigureText(m->second) << "  vs  "
-              << FigureText(b->second) << "  [" << c.baseline << "]\n      " << ratioText
-              << "   target " << TargetText(c.goal, c.target) << "   "
-              << (hasTarget ? (met ? "ok" : "MISSED") : "") << "\n";
-        AppendSummaryLine(c.figure, FigureText(m->second), FigureText(b->second), ratio,
-                          TargetText(c.goal, c.target), met, hasTarget);
+        table << "  " << c.figure << "\n      " << measuredText << "  vs  " << baselineText << "  ["
+              << c.baseline << "]\n      " << ratioText << "   target "
+              << TargetText(c.goal, c.target) << "   " << (hasTarget ? (met ? "ok" : "MISSED") : "")
+              << "\n";
+        AppendSummaryLine(c.figure, measuredText, baselineText, ratio, TargetText(c.goal, c.target),
+                          met, hasTarget);
     }
     if (!table.str().empty())
         std::cout << "\nFigures against their baselines (same run):\n" << table.str() << std::flush;

@@ -68,6 +68,10 @@ struct Comparison {
     std::string baseline;  // benchmark name
     Goal goal = Goal::kInfo;
     double target = 0;
+    // When set, each side is itself a ratio: measured / measuredOver against
+    // baseline / baselineOver (to compare overheads under two conditions).
+    std::string measuredOver = {};
+    std::string baselineOver = {};
 };
 
 // Runs the benchmarks selected on the command line with the console output,
