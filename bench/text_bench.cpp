@@ -142,39 +142,33 @@ void SearchBytes(benchmark::State& state, bool crlf, const std::wstring& marker)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
 
-void ParseSubstring(benchmark::State& state) {
-    const std::wstring& text = SearchText(false);
+// One marker search over the search text, checked against the value it
+// must find.
+using Search = std::wstring (*)(const std::wstring& text);
+void MarkerSearch(benchmark::State& state, bool crlf, Search search, const wchar_t* expected) {
+    const std::wstring& text = SearchText(crlf);
     for (auto _ : state) {
-        std::wstring value = KALDO::CStringUtils::ParseSubstringFromString(
-            text, L"", L"displayName = \"", L"\"\n", nullptr);
-        if (value != L"Bench VM") state.SkipWithError("wrong value");
+        std::wstring value = search(text);
+        if (value != expected) state.SkipWithError("wrong value");
         benchmark::DoNotOptimize(value.data());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
 
-void ExtractBetween(benchmark::State& state) {
-    const std::wstring& text = SearchText(false);
-    for (auto _ : state) {
-        std::wstring value =
-            KALDO::CStringUtils::ExtractStringBetweenEnhance(text, L"config = \"", L"\"");
-        if (value != L"/Users/ann/VM.vmx") state.SkipWithError("wrong value");
-        benchmark::DoNotOptimize(value.data());
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+std::wstring DisplayName(const std::wstring& text) {
+    return KALDO::CStringUtils::ParseSubstringFromString(text, L"", L"displayName = \"", L"\"\n",
+                                                         nullptr);
+}
+
+std::wstring Config(const std::wstring& text) {
+    return KALDO::CStringUtils::ExtractStringBetweenEnhance(text, L"config = \"", L"\"");
 }
 
 // A marker that starts with a line feed, over CR LF text: every line end is
 // a candidate that must be looked at.
-void ParseSubstringCrLf(benchmark::State& state) {
-    const std::wstring& text = SearchText(true);
-    for (auto _ : state) {
-        std::wstring value = KALDO::CStringUtils::ParseSubstringFromString(
-            text, L"", L"\ndisplayName = \"", L"\"\n", nullptr);
-        if (value != L"Bench VM") state.SkipWithError("wrong value");
-        benchmark::DoNotOptimize(value.data());
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+std::wstring DisplayNameAtLineStart(const std::wstring& text) {
+    return KALDO::CStringUtils::ParseSubstringFromString(text, L"", L"\ndisplayName = \"", L"\"\n",
+                                                         nullptr);
 }
 
 }  // namespace
@@ -208,18 +202,21 @@ int main(int argc, char** argv) {
         }
     }
 
-    benchmark::RegisterBenchmark("ParseSubstringFromString/4Mchars", ParseSubstring)
-        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("ParseSubstringFromString/4Mchars", [](benchmark::State& s) {
+        MarkerSearch(s, false, DisplayName, L"Bench VM");
+    })->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("memmem/displayName/4Mchars", [](benchmark::State& s) {
         SearchBytes(s, false, L"displayName = \"");
     })->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("ExtractStringBetweenEnhance/4Mchars", ExtractBetween)
-        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("ExtractStringBetweenEnhance/4Mchars", [](benchmark::State& s) {
+        MarkerSearch(s, false, Config, L"/Users/ann/VM.vmx");
+    })->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("memmem/config/4Mchars", [](benchmark::State& s) {
         SearchBytes(s, false, L"config = \"");
     })->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("ParseSubstringFromString_CRLF/4Mchars", ParseSubstringCrLf)
-        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("ParseSubstringFromString_CRLF/4Mchars", [](benchmark::State& s) {
+        MarkerSearch(s, true, DisplayNameAtLineStart, L"Bench VM");
+    })->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("memmem/crlf_displayName/4Mchars", [](benchmark::State& s) {
         SearchBytes(s, true, L"\r\ndisplayName = \"");
     })->Unit(benchmark::kMicrosecond);

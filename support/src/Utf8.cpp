@@ -138,6 +138,21 @@ inline bool DecodeOne(const unsigned char* in, size_t size, size_t& i, wchar_t* 
     return true;
 }
 
+// One character where a vector step stopped: a well-formed sequence with
+// room to read takes the straight line, anything else the careful path.
+// Returns false as DecodeOne does.
+inline bool DecodeNext(const unsigned char* in, size_t size, size_t& i, wchar_t* out, size_t& o,
+                       bool final) {
+    if (size - i >= 4) {
+        if (const unsigned length = DecodeWellFormed(in + i, out[o])) {
+            i += length;
+            ++o;
+            return true;
+        }
+    }
+    return DecodeOne(in, size, i, out, o, final);
+}
+
 // The portable loop, from input position i and output position o.
 size_t DecodeFrom(const unsigned char* in, size_t size, wchar_t* out, bool final, size_t i,
                   size_t o, size_t& consumed) {
@@ -149,16 +164,8 @@ size_t DecodeFrom(const unsigned char* in, size_t size, wchar_t* out, bool final
             i += ascii;
             o += ascii;
             if (ascii == 16) continue;
-            // A well-formed sequence: straight-line decoding.
-            if (size - i >= 4) {
-                if (const unsigned length = DecodeWellFormed(in + i, out[o])) {
-                    i += length;
-                    ++o;
-                    continue;
-                }
-            }
         }
-        if (!DecodeOne(in, size, i, out, o, final)) break;
+        if (!DecodeNext(in, size, i, out, o, final)) break;
     }
     consumed = i;
     return o;
@@ -189,14 +196,7 @@ __attribute__((target("avx2"))) size_t DecodeAvx2(const unsigned char* in, size_
         i += ascii;
         o += ascii;
         if (ascii == 32) continue;
-        if (size - i >= 4) {
-            if (const unsigned length = DecodeWellFormed(in + i, out[o])) {
-                i += length;
-                ++o;
-                continue;
-            }
-        }
-        if (!DecodeOne(in, size, i, out, o, final)) break;
+        if (!DecodeNext(in, size, i, out, o, final)) break;
     }
     return DecodeFrom(in, size, out, final, i, o, consumed);
 }
