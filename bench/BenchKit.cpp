@@ -38,12 +38,10 @@ public:
             const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
             const bool single = run.run_type == Run::RT_Iteration;
             if (!median && !single) continue;
-            std::string name = run.run_name.str();
-            for (const char* suffix : {"/real_time", "/manual_time"}) {
-                const size_t n = std::strlen(suffix);
-                if (name.size() > n && name.compare(name.size() - n, n, suffix) == 0)
-                    name.resize(name.size() - n);
-            }
+            // The name as registered, without the run options
+            // ("/real_time", "/iterations:1") that the full name carries.
+            std::string name = run.run_name.function_name;
+            if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
             if (single && medians_.count(name)) continue;
             Figure figure;
             figure.realNs =

@@ -217,4 +217,98 @@ std::string VirtualBoxVmRoot(const std::string& scratch, size_t reportMB) {
     return root;
 }
 
+// ---- a whole Mac ----
+
+namespace {
+
+void WriteApp(const std::string& root, const std::string& bundle, const std::string& id,
+              const std::string& version) {
+    WriteFile(root + bundle + "/Contents/Info.plist",
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+              "<key>CFBundleIdentifier</key><string>" +
+                  id + "</string>\n<key>CFBundleShortVersionString</key><string>" + version +
+                  "</string>\n</dict>\n</plist>\n");
+}
+
+std::string FusionVmx(int n) {
+    return kHome + "/Virtual Machines.localized/VM " + std::to_string(n) + ".vmwarevm/VM " +
+           std::to_string(n) + ".vmx";
+}
+
+std::string ParallelsConfig(int n) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ParallelsVirtualMachine "
+           "schemaVersion=\"1.0\">\n   <AppVersion>18.3.2-53621</AppVersion>\n   "
+           "<Identification>\n      <VmUuid>{" +
+           Uuid(n) + "}</VmUuid>\n      <VmName>VM " + std::to_string(n) +
+           "</VmName>\n   </Identification>\n   <Settings>\n      <General>\n         "
+           "<OsType>9</OsType>\n         <OsNumber>2317</OsNumber>\n      </General>\n   "
+           "</Settings>\n   <Hardware>\n      <Cpu>\n         <Number>2</Number>\n      "
+           "</Cpu>\n      <Memory>\n         <RAM>4096</RAM>\n      </Memory>\n"
+           "      <NetworkAdapter>\n         <Index>0</Index>\n         <Enabled>1</Enabled>\n"
+           "         <Connected>1</Connected>\n         <EmulatedType>1</EmulatedType>\n"
+           "         <MAC>001C4277AB10</MAC>\n         <UserFriendlyName></UserFriendlyName>\n"
+           "      </NetworkAdapter>\n   </Hardware>\n</ParallelsVirtualMachine>\n";
+}
+
+}  // namespace
+
+WholeMac WholeMacRoot(const std::string& scratch, int vms) {
+    WholeMac mac;
+    bool fresh = false;
+    mac.root = Root(scratch, "whole-mac-" + std::to_string(vms), fresh);
+    mac.fusionVms = vms - 2 * (vms / 3);
+    mac.virtualBoxVms = vms / 3;
+    mac.parallelsVms = vms / 3;
+    if (!fresh) return mac;
+    const std::string& root = mac.root;
+    WriteFile(root + "/.machine", "console_user = ann\nconsole_uid = 501\nconsole_home = " + kHome +
+                                      "\nnic = en0 3C:22:FB:6E:91:04\n");
+    WriteApp(root, "/Applications/VMware Fusion.app", "com.vmware.fusion", "13.5.0");
+    WriteApp(root, "/Applications/VirtualBox.app", "org.virtualbox.app.VirtualBox", "7.0.14");
+    WriteApp(root, "/Applications/Parallels Desktop.app", "com.parallels.desktop.console",
+             "18.3.2");
+    InstallPrintingTool(root, "/usr/sbin/system_profiler",
+                        "Hardware:\n\n    Hardware Overview:\n\n      Model Name: MacBook Pro\n"
+                        "      Model Identifier: MacBookPro16,1\n");
+
+    // Fusion: the inventory, a .vmx each, every tenth VM running with a log.
+    std::string inventory = ".encoding = \"UTF-8\"\n";
+    std::string listing =
+        "  PID   TT  STAT      TIME COMMAND\n    1   ??  Ss     1:00.00 /sbin/launchd\n";
+    for (int n = 1; n <= mac.fusionVms; ++n) {
+        const std::string vmx = FusionVmx(n);
+        inventory += "vmlist" + std::to_string(n) + ".config = \"" + vmx + "\"\n";
+        WriteFile(root + vmx, "displayName = \"VM " + std::to_string(n) +
+                                  "\"\nguestOS = \"windows9-64\"\ncheckpoint.vmState = \"\"\n"
+                                  "ethernet0.present = \"TRUE\"\nethernet0.connectionType = "
+                                  "\"nat\"\n");
+        if (n % 10 == 0) {
+            listing += " " + std::to_string(1000 + n) +
+                       "   ??  S      1:00.00 /Applications/VMware Fusion.app/Contents/Library/"
+                       "vmware-vmx -s vmx.stdio.keep=TRUE " +
+                       vmx + "\n";
+            WriteFile(root + vmx.substr(0, vmx.rfind('/')) + "/vmware.log", LogText(256 * 1024, 0));
+        }
+    }
+    WriteFile(root + kVmInventory, inventory);
+    InstallPrintingTool(root, "/bin/ps", listing);
+
+    // VirtualBox: the registry, a settings file each, one report for all.
+    WriteFile(root + kVirtualBoxXml, VirtualBoxXml(mac.virtualBoxVms));
+    for (int n = 1; n <= mac.virtualBoxVms; ++n) {
+        const std::string vm = "VM " + std::to_string(n);
+        WriteFile(root + kHome + "/VirtualBox VMs/" + vm + "/" + vm + ".vbox",
+                  "<?xml version=\"1.0\"?>\n<VirtualBox xmlns=\"http://www.virtualbox.org/\">\n"
+                  "  <Machine uuid=\"{" +
+                      Uuid(n) + "}\" name=\"" + vm + "\">\n  </Machine>\n</VirtualBox>\n");
+    }
+    InstallPrintingTool(root, kVBoxManage, ShowVmInfo(8 * 1024));
+
+    // Parallels: the directory list and a bundle with its config.pvs each.
+    WriteFile(root + kDirectoryList, ParallelsDirectoryList(mac.parallelsVms));
+    for (int n = 1; n <= mac.parallelsVms; ++n)
+        WriteFile(root + ParallelsBundle(n) + "/config.pvs", ParallelsConfig(n));
+    return mac;
+}
+
 }  // namespace implvm_bench

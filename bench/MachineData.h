@@ -42,4 +42,19 @@ extern const std::string kVBoxSettings;  // Mac path of the machine's settings f
 // report runs to reportMB megabytes of guest properties and snapshots.
 std::string VirtualBoxVmRoot(const std::string& scratch, size_t reportMB);
 
+// ---- a whole Mac ----
+
+struct WholeMac {
+    std::string root;
+    int fusionVms = 0;      // Fusion 13 VMs (every tenth running)
+    int virtualBoxVms = 0;  // VirtualBox 7 machines
+    int parallelsVms = 0;   // Parallels Desktop 18 VMs
+};
+// A Mac with all three hypervisors installed and `vms` VMs shared among
+// them, for a whole `implvm inventory`: bundles with their versions, the
+// three inventories, a .vmx, settings file or config.pvs per VM, the process
+// listing and the tools the descriptions run (ps, VBoxManage,
+// system_profiler), and a network interface.
+WholeMac WholeMacRoot(const std::string& scratch, int vms);
+
 }  // namespace implvm_bench
