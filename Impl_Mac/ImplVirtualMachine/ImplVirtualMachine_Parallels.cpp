@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <initializer_list>
 #include <iterator>
 #include <string>
 #include <utility>
@@ -175,7 +174,7 @@ void SwitchUser(uid_t user) {
 // (every thread of the host runs as the console user meanwhile); the methods
 // that use it take no locks.
 class ConsoleUserScope {
-  public:
+public:
     explicit ConsoleUserScope(uid_t consoleUser) : hostUser_(geteuid()) {
         SwitchEffectiveUser(consoleUser);
     }
@@ -183,7 +182,7 @@ class ConsoleUserScope {
     ConsoleUserScope(const ConsoleUserScope&) = delete;
     ConsoleUserScope& operator=(const ConsoleUserScope&) = delete;
 
-  private:
+private:
     const uid_t hostUser_;
 };
 
@@ -319,32 +318,17 @@ int VirtualMachineImpl_Parallels4_GetInfoForVm(const std::wstring& vmHome,
     return 0;
 }
 
-namespace {
-
-// GetVMInfo and GetVMNetwork: describe the VM named by input "Name" and pass
-// `keys` of the description on to the outputs, all of them or none.
-int PassOnDescription(const typeProperty* inputs, typeProperty* outputs,
-                      std::initializer_list<const wchar_t*> keys) {
-    std::wstring vmHome;
-    int rc = ImplVm::ReadInput(inputs, L"Name", vmHome);
-    if (rc < 0) return IMPLVM_FAIL(rc);
-
-    typeProperty description;
-    rc = VirtualMachineImpl_Parallels4_GetInfoForVm(vmHome, &description);
-    if (rc < 0) return IMPLVM_FAIL(rc);
-    return ImplVm::CopyDescription(description, keys, outputs, __FILE__, __LINE__);
-}
-
-}  // namespace
-
 int VirtualMachineImpl_Parallels4_GetVMInfo(int, int, int, const KALDO::CSoftwareVersion*,
                                             const typeProperty* inputs, typeProperty* outputs) {
-    return PassOnDescription(inputs, outputs, {L"UserFriendlyName", L"OS", L"State"});
+    return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_Parallels4_GetInfoForVm,
+                                     {L"UserFriendlyName", L"OS", L"State"}, outputs, __FILE__,
+                                     __LINE__);
 }
 
 int VirtualMachineImpl_Parallels4_GetVMNetwork(int, int, int, const KALDO::CSoftwareVersion*,
                                                const typeProperty* inputs, typeProperty* outputs) {
-    return PassOnDescription(inputs, outputs, {L"Networks"});
+    return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_Parallels4_GetInfoForVm,
+                                     {L"Networks"}, outputs, __FILE__, __LINE__);
 }
 
 // ---- Control ----

@@ -4,7 +4,6 @@
 // Every text is searched with literal markers, never parsed as XML: the
 // reports and settings files of several VirtualBox generations only agree on
 // these markers.
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -138,19 +137,6 @@ int ReadAdapters(const std::wstring& report, typeProperty& networks) {
         adapter.addMapVal(L"MacAddress", std::wstring());
         networks.addVecVal(adapter);
     }
-}
-
-// GetVMInfo and GetVMNetwork: describe the machine named by the input "Name"
-// and hand the host `keys` of the description.
-int DescribeToOutputs(const typeProperty* inputs, typeProperty* outputs,
-                      std::initializer_list<const wchar_t*> keys) {
-    std::wstring settingsPath;
-    int rc = ImplVm::ReadInput(inputs, L"Name", settingsPath);
-    if (rc < 0) return IMPLVM_FAIL(rc);
-    typeProperty description;
-    rc = VirtualMachineImpl_VirtualBox2_GetInfoForVm(settingsPath, &description);
-    if (rc < 0) return IMPLVM_FAIL(rc);
-    return ImplVm::CopyDescription(description, keys, outputs, __FILE__, __LINE__);
 }
 
 // ---- Power actions ----
@@ -289,12 +275,15 @@ int VirtualMachineImpl_VirtualBox2_GetInfoForVm(const std::wstring& settingsPath
 
 int VirtualMachineImpl_VirtualBox2_GetVMInfo(int, int, int, const KALDO::CSoftwareVersion*,
                                              const typeProperty* inputs, typeProperty* outputs) {
-    return DescribeToOutputs(inputs, outputs, {L"UserFriendlyName", L"OS", L"State"});
+    return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_VirtualBox2_GetInfoForVm,
+                                     {L"UserFriendlyName", L"OS", L"State"}, outputs, __FILE__,
+                                     __LINE__);
 }
 
 int VirtualMachineImpl_VirtualBox2_GetVMNetwork(int, int, int, const KALDO::CSoftwareVersion*,
                                                 const typeProperty* inputs, typeProperty* outputs) {
-    return DescribeToOutputs(inputs, outputs, {L"Networks"});
+    return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_VirtualBox2_GetInfoForVm,
+                                     {L"Networks"}, outputs, __FILE__, __LINE__);
 }
 
 // ---- Power actions ----

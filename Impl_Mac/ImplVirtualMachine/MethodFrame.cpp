@@ -41,4 +41,16 @@ int CopyDescription(const KALDO::typeProperty& description,
     return 0;
 }
 
+int DescribeToOutputs(const KALDO::typeProperty* inputs, DescriptionReader reader,
+                      std::initializer_list<const wchar_t*> keys, KALDO::typeProperty* outputs,
+                      const char* file, int line) {
+    std::wstring vm;
+    int rc = ReadInput(inputs, L"Name", vm);
+    if (rc < 0) return Record(Propagate(rc), file, line);
+    KALDO::typeProperty description;
+    rc = reader(vm, &description);
+    if (rc < 0) return Record(Propagate(rc), file, line);
+    return CopyDescription(description, keys, outputs, file, line);
+}
+
 }  // namespace ImplVm

@@ -14,7 +14,9 @@ namespace ImplVm {
 
 // Of a callee's failure codes only "refused" (-4) and "locked" (-32) reach
 // the host as they are; every other negative code becomes -1.
-constexpr int Propagate(int code) { return (code == -4 || code == -32) ? code : -1; }
+constexpr int Propagate(int code) {
+    return (code == -4 || code == -32) ? code : -1;
+}
 
 // Records `code` (when negative) against the wide form of `file` and `line`;
 // returns what the error log returns, i.e. `code`.
@@ -33,6 +35,17 @@ void WriteVmList(KALDO::typeProperty* outputs, const std::vector<std::wstring>& 
 int CopyDescription(const KALDO::typeProperty& description,
                     std::initializer_list<const wchar_t*> keys, KALDO::typeProperty* outputs,
                     const char* file, int line);
+
+// An adapter's routine that fills a VM description for a VM identifier.
+using DescriptionReader = int (*)(const std::wstring& vm, KALDO::typeProperty* description);
+
+// GetVMInfo and GetVMNetwork of an adapter whose reader needs nothing but the
+// identifier: reads input "Name", describes that VM with `reader` and passes
+// `keys` of the description on (CopyDescription). Failures are recorded
+// (propagated) at file/line.
+int DescribeToOutputs(const KALDO::typeProperty* inputs, DescriptionReader reader,
+                      std::initializer_list<const wchar_t*> keys, KALDO::typeProperty* outputs,
+                      const char* file, int line);
 
 }  // namespace ImplVm
 
