@@ -74,26 +74,38 @@ void AddCallCommand(CLI::App& app, Host& host) {
     auto options = std::make_shared<CallOptions>();
     CLI::App* call = app.add_subcommand(
         "call",
-        "Call one method function and print {\"result\", \"outputs\", \"errors\"} as JSON.");
+        "Call one method function and print its result code, outputs and error records as "
+        "one JSON document");
     call->add_option("METHOD", options->method,
-                     "The method function, e.g. "
+                     "A method function as implvm methods lists it, e.g. "
                      "VirtualMachineImpl_Common_GetModuleVersion")
         ->required();
     call->add_option("--product-version", options->productVersion,
-                     "The installed product's version handed to the method (default: none)")
+                     "The installed product's version record handed to the method; must start "
+                     "with a digit (default: none, a null record)")
         ->type_name("X.Y.Z");
-    call->add_option("--in", options->inputPairs, "A string input (repeatable)")
+    call->add_option("--in", options->inputPairs,
+                     "A string input; repeatable; the key ends at the first '='")
         ->type_name("KEY=VALUE")
         ->allow_extra_args(false);
     options->inputJsonOption =
         call->add_option("--in-json", options->inputJson,
-                         "Inputs as a JSON object: strings, integers, objects and arrays become "
-                         "the matching tree kinds")
+                         "Inputs as one JSON object: strings, integers, objects and arrays become "
+                         "strings, integers, maps and vectors, null an empty value, true/false "
+                         "1/0; --in pairs are added on top")
             ->type_name("JSON");
-    call->footer(
-        "Outputs: integers as numbers, strings as strings, maps as objects in insertion order, "
-        "vectors as arrays; an output tree the method never touched is null.\n\n" +
-        app.get_footer());
+    call->footer(CommandFooter(
+        "Prints {\"result\": CODE, \"outputs\": TREE, \"errors\": [{\"code\", \"file\", "
+        "\"line\"}, ...]}. Outputs: integers as numbers, strings as strings, maps as objects in "
+        "insertion order, vectors as arrays; an output tree the method never touched is null. "
+        "The errors are the records this call added to the error log, oldest first. "
+        "docs/methods.md lists every method's inputs, outputs and codes.\n\n"
+        "Examples:\n"
+        "  implvm call VirtualMachineImpl_Common_GetHypervisorType --in HYPER_TYPE=2\n"
+        "  implvm --root examples/demo-mac call VirtualMachineImpl_Common_GetProductVersion "
+        "--in BundleId=com.vmware.fusion\n"
+        "  implvm call VirtualMachineImpl_VmWareFusion1_GetVMInfo --product-version 13.5.0 "
+        "--in Name=/path/to/VM.vmx"));
     call->callback([options, &host] { RunCall(*options, host); });
 }
 

@@ -19,6 +19,11 @@ enum ExitStatus : int {
     kExitUsage = 2,   // implvm was called wrongly or the module cannot be loaded
 };
 
+inline constexpr const char* kExitStatusHelp =
+    "Exit status: 0 when the command did its work (every method it called answered 0 or more), "
+    "1 when a method answered a negative code, 2 for a usage error (an unknown command, "
+    "option or method, a missing or malformed value, a module that cannot be loaded).";
+
 inline int ExitStatusFor(int methodResult) {
     return methodResult >= 0 ? kExitOk : kExitFailed;
 }
@@ -65,6 +70,10 @@ private:
     std::unique_ptr<Module> module_;
     int exitStatus_ = kExitOk;
 };
+
+// The end of a command's --help: its own notes, then what every command
+// shares (global options, exit status).
+std::string CommandFooter(const std::string& notes);
 
 // implvm call METHOD [--product-version X.Y.Z] [--in KEY=VALUE]... [--in-json JSON]
 void AddCallCommand(CLI::App& app, Host& host);

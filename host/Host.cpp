@@ -32,6 +32,13 @@ void Host::applyGlobalOptions() {
                          "' (expected Operation[@path-or-tool]=code;...)");
 }
 
+std::string CommandFooter(const std::string& notes) {
+    return notes +
+           "\n\nThe global options (--root DIR, --module PATH, --fail SPEC) may also follow "
+           "the command; see implvm --help.\n\n" +
+           kExitStatusHelp;
+}
+
 const Module& Host::module() {
     if (!module_) {
         const bool given = options_.moduleOption != nullptr && options_.moduleOption->count() > 0;

@@ -2,34 +2,52 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <memory>
 
 #include "Commands.h"
 
 int main(int argc, char** argv) {
     implvm::Host host(argc > 0 ? argv[0] : nullptr);
 
-    CLI::App app{"Load libImplVirtualMachine and call its methods.", "implvm"};
+    CLI::App app{
+        "implvm loads libImplVirtualMachine and calls its methods the way a host framework "
+        "does: to look at the VMs of a Mac's hypervisors (Parallels Desktop, VMware Fusion, "
+        "VirtualBox) or to try one method at a time.",
+        "implvm"};
+    auto formatter = std::make_shared<CLI::Formatter>();
+    formatter->label("SUBCOMMAND", "COMMAND");
+    formatter->column_width(34);
+    app.formatter(formatter);
     app.require_subcommand(0, 1);  // none is caught below, naming an unknown one
     app.fallthrough();             // global options may also follow the command
-    app.footer(
-        "Exit status: 0 when the method answered 0 or more, 1 when it answered a negative "
-        "code, 2 for a usage error.");
 
     implvm::GlobalOptions& options = host.options();
-    options.rootOption = app.add_option("--root", options.root,
-                                        "Look at the Mac whose disk is this folder (machine root)")
-                             ->type_name("DIR");
-    options.moduleOption = app.add_option("--module", options.modulePath,
-                                          "The module to load (default: ../lib/ beside implvm)")
-                               ->type_name("PATH");
-    options.failOption =
-        app.add_option("--fail", options.failpoints,
-                       "Make support-library operations fail: Operation[@path-or-tool]=code;...")
-            ->type_name("SPEC");
+    options.rootOption =
+        app.add_option("--root", options.root,
+                       "Look at the Mac whose disk is this folder (the machine root): every "
+                       "absolute path the module reads or runs is taken inside it")
+            ->type_name("DIR");
+    options.moduleOption =
+        app.add_option("--module", options.modulePath,
+                       "The module to load (default: ../lib/libImplVirtualMachine beside implvm)")
+            ->type_name("PATH");
+    options.failOption = app.add_option("--fail", options.failpoints,
+                                        "Make support-library operations fail on purpose: "
+                                        "Operation[@path-or-tool]=code;...")
+                             ->type_name("SPEC");
     app.parse_complete_callback([&host] { host.applyGlobalOptions(); });
 
     implvm::AddCallCommand(app, host);
     implvm::AddMethodsCommand(app, host);
+    for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
+
+    app.footer(std::string("Every command has --help. Examples:\n"
+                           "  implvm methods\n"
+                           "  implvm call VirtualMachineImpl_Common_GetHypervisorType "
+                           "--in HYPER_TYPE=2\n"
+                           "  implvm --root examples/demo-mac call "
+                           "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs\n\n") +
+               implvm::kExitStatusHelp);
 
     try {
         app.parse(argc, argv);
