@@ -1,7 +1,8 @@
-// The UTF-8 decoder has several paths (16- and 32-byte ASCII steps, a
-// straight-line path for well-formed sequences, the careful path for
-// everything else); random texts with valid and broken sequences at every
-// offset must decode through all of them exactly as a plain reference does.
+// The UTF-8 decoder has several paths (16-byte ASCII steps, 32-byte windows
+// of mixed text, a straight-line path for well-formed sequences, the careful
+// path for everything else); random texts with valid and broken sequences at
+// every offset must decode through all of them exactly as a plain reference
+// does.
 // (Sequences cut by read chunks are covered by the file tests.)
 #include <gtest/gtest.h>
 
@@ -85,17 +86,60 @@ std::string RandomText(std::mt19937& rng, size_t length) {
     return text;
 }
 
+// Valid text with characters of every length (the edges of each range
+// among them) at a random density, then broken in a few random places.
+std::string MutatedText(std::mt19937& rng, size_t length) {
+    static const uint32_t kPoints[] = {0x7F,   0x80, 0x7FF,  0x800,   0xD7FF,  0xE000,  0xFFFD,
+                                       0xFFFF, 0xE9, 0x20AC, 0x10000, 0x1F600, 0x10FFFF};
+    const unsigned share = rng() % 101;  // percent of non-ASCII characters
+    std::string text;
+    while (text.size() < length) {
+        if (rng() % 100 >= share) {
+            text += static_cast<char>(0x20 + rng() % 0x5F);
+        } else {
+            const uint32_t cp = rng() % 2 ? kPoints[rng() % std::size(kPoints)] : rng() % 0x110000;
+            text += KALDO::CStringUtils::WStringToString(std::wstring(1, static_cast<wchar_t>(cp)));
+        }
+    }
+    for (unsigned n = rng() % 4; n > 0 && !text.empty(); --n) {
+        const size_t at = rng() % text.size();
+        const char byte = static_cast<char>(0x80 + rng() % 0x80);
+        switch (rng() % 3) {
+            case 0:
+                text[at] = byte;
+                break;
+            case 1:
+                text.erase(at, 1);
+                break;
+            default:
+                text.insert(at, 1, byte);
+        }
+    }
+    return text;
+}
+
+// From an exact-size copy, so that a sanitizer build sees any read past the
+// end that the vector steps might make.
+std::wstring Decode(const std::string& text) {
+    const std::unique_ptr<char[]> exact(new char[text.size()]);
+    std::copy(text.begin(), text.end(), exact.get());
+    return KALDO::CStringUtils::StringToWString(std::string_view(exact.get(), text.size()));
+}
+
 TEST(Utf8Paths, EveryPathDecodesAsTheReference) {
     std::mt19937 rng(2024);
     for (int round = 0; round < 3000; ++round) {
         const std::string text = RandomText(rng, rng() % 300);
-        // An exact-size copy, so that a sanitizer build sees any read past
-        // the end that the vector steps might make.
-        const std::unique_ptr<char[]> exact(new char[text.size()]);
-        std::copy(text.begin(), text.end(), exact.get());
-        ASSERT_EQ(KALDO::CStringUtils::StringToWString(std::string_view(exact.get(), text.size())),
-                  Reference(text))
-            << testing::PrintToString(text);
+        ASSERT_EQ(Decode(text), Reference(text)) << testing::PrintToString(text);
+    }
+    for (int round = 0; round < 20000; ++round) {
+        const std::string text = MutatedText(rng, rng() % 200);
+        ASSERT_EQ(Decode(text), Reference(text)) << testing::PrintToString(text);
+    }
+    // Long texts are decoded in pieces; sequences cut by a piece's end.
+    for (int round = 0; round < 20; ++round) {
+        const std::string text = MutatedText(rng, 20000 + rng() % 20000);
+        ASSERT_TRUE(Decode(text) == Reference(text)) << "round " << round;
     }
 }
 

@@ -29,7 +29,7 @@ constexpr off_t kMaxTextFileBytes = off_t{1} << 30;
 constexpr size_t kReadChunk = 64 * 1024;
 
 class Descriptor {
-  public:
+public:
     explicit Descriptor(int fd) : fd_(fd) {}
     ~Descriptor() {
         if (fd_ >= 0) close(fd_);
@@ -38,7 +38,7 @@ class Descriptor {
     Descriptor& operator=(const Descriptor&) = delete;
     int get() const { return fd_; }
 
-  private:
+private:
     int fd_;
 };
 
@@ -81,12 +81,8 @@ int ReadAndDecode(int fd, std::wstring& out) {
             }
             atStart = false;
         }
-        const size_t old = out.size();
-        out.resize(old + available);
         size_t consumed = 0;
-        const size_t written =
-            detail::DecodeUtf8(data, available, out.data() + old, final, consumed);
-        out.resize(old + written);
+        detail::AppendDecodedUtf8(data, available, final, out, consumed);
         carry = available - consumed;
         if (carry) std::memmove(buffer.get(), data + consumed, carry);
         if (final) return kOk;

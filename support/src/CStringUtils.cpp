@@ -160,11 +160,11 @@ std::wstring CStringUtils::StringToWString(const std::string& text) {
 }
 
 std::wstring CStringUtils::StringToWString(std::string_view text) {
-    std::wstring result(text.size(), L'\0');
+    std::wstring result;
+    result.reserve(text.size());
     size_t consumed = 0;
-    const size_t n = detail::DecodeUtf8(reinterpret_cast<const unsigned char*>(text.data()),
-                                        text.size(), result.data(), true, consumed);
-    result.resize(n);
+    detail::AppendDecodedUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size(),
+                              true, result, consumed);
     return result;
 }
 

@@ -23,6 +23,11 @@ inline constexpr wchar_t kReplacement = 0xFFFD;
 // chunk; when true, it becomes U+FFFD.
 size_t DecodeUtf8(const unsigned char* in, size_t size, wchar_t* out, bool final, size_t& consumed);
 
+// Decodes as DecodeUtf8 does and appends the characters to `out`. Reserve
+// room for `size` more characters first to keep `out` from growing in steps.
+void AppendDecodedUtf8(const unsigned char* in, size_t size, bool final, std::wstring& out,
+                       size_t& consumed);
+
 // Appends the UTF-8 form of `text` to `out`; code points that cannot be
 // encoded become U+FFFD.
 void EncodeUtf8(const wchar_t* text, size_t size, std::string& out);
