@@ -25,8 +25,9 @@ namespace {
 // Text files beyond this are refused rather than decoded into four times
 // their size in memory.
 constexpr off_t kMaxTextFileBytes = off_t{1} << 30;
-// Read size: small enough that the wide text written per step stays in cache.
-constexpr size_t kReadChunk = 64 * 1024;
+// Read size: few system calls, and each chunk still in the processor's
+// cache when it is decoded.
+constexpr size_t kReadChunk = 256 * 1024;
 
 class Descriptor {
 public:
@@ -53,14 +54,17 @@ bool Failpoint(const char* op, const std::wstring& subject, int& code) {
 
 // Reads the rest of fd and decodes it, chunk by chunk, straight into `out`,
 // whose capacity the caller sized from the file size. A sequence split by a
-// chunk boundary is carried (at most three bytes) into the next chunk.
-int ReadAndDecode(int fd, std::wstring& out) {
-    const std::unique_ptr<unsigned char[]> buffer(new unsigned char[kReadChunk + 4]);
+// chunk boundary is carried (at most three bytes) into the next chunk. The
+// buffer is no larger than the file needs (`expected`: its size when
+// opened), so small files do not pay for a large one.
+int ReadAndDecode(int fd, size_t expected, std::wstring& out) {
+    const size_t chunk = std::clamp<size_t>(expected + 1, 4096, kReadChunk);
+    const std::unique_ptr<unsigned char[]> buffer(new unsigned char[chunk + 4]);
     size_t carry = 0;
     bool atStart = true;
     unsigned long long total = 0;
     for (;;) {
-        const ssize_t n = read(fd, buffer.get() + carry, kReadChunk);
+        const ssize_t n = read(fd, buffer.get() + carry, chunk);
         if (n < 0) {
             if (errno == EINTR) continue;
             return ResultFromErrno(errno);
@@ -214,7 +218,8 @@ int CFileUtils::ReadFromTextFile(const std::wstring& path, std::wstring& text) {
         std::wstring result;
         // Never more wide characters than bytes: one allocation for the text.
         result.reserve(static_cast<size_t>(st.st_size));
-        if (const int rc = ReadAndDecode(fd.get(), result); rc < 0) return rc;
+        if (const int rc = ReadAndDecode(fd.get(), static_cast<size_t>(st.st_size), result); rc < 0)
+            return rc;
         // Mostly multi-byte text leaves much of that idle; give it back when
         // more than half would otherwise stay allocated.
         if (result.capacity() / 2 > result.size()) result.shrink_to_fit();

@@ -195,14 +195,14 @@ size_t DecodeFrom(const unsigned char* in, size_t size, wchar_t* out, bool final
 // For each 8-bit mask, the permutation that moves the 32-bit lanes whose
 // bit is set to the front, in order.
 struct CompressTable {
-    alignas(32) uint32_t lanes[256][8];
+    alignas(32) uint8_t lanes[256][8];
 };
 constexpr CompressTable MakeCompressTable() {
     CompressTable table{};
     for (unsigned mask = 0; mask < 256; ++mask) {
         unsigned n = 0;
         for (unsigned lane = 0; lane < 8; ++lane)
-            if (mask & (1u << lane)) table.lanes[mask][n++] = lane;
+            if (mask & (1u << lane)) table.lanes[mask][n++] = static_cast<uint8_t>(lane);
     }
     return table;
 }
@@ -322,8 +322,8 @@ __attribute__((target("avx2"))) inline void Widen32(const unsigned char* in, wch
 // Packs the lanes of `points` whose bit is set in `ends` to out + o.
 __attribute__((target("avx2,popcnt"))) inline void Emit8(__m256i points, unsigned ends,
                                                          wchar_t* out, size_t& o) {
-    const __m256i order =
-        _mm256_load_si256(reinterpret_cast<const __m256i*>(kCompress.lanes[ends]));
+    const __m256i order = _mm256_cvtepu8_epi32(
+        _mm_loadl_epi64(reinterpret_cast<const __m128i*>(kCompress.lanes[ends])));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + o),
                         _mm256_permutevar8x32_epi32(points, order));
     o += static_cast<size_t>(__builtin_popcount(ends));
@@ -444,6 +444,57 @@ bool HasAvx2() {
 }
 #endif
 
+// Filling the new characters in before the decoder writes them, as a C++20
+// string must when it grows, costs a third of the decoding of mixed text
+// (measured): the fill is a pass of its own over memory that the decoder
+// then writes again. Where the library offers a way to grow a string without
+// the fill, it is used; otherwise the fill stays.
+#if defined(_LIBCPP_VERSION)
+template <typename Text>
+concept GrowsUninitialized = requires(Text& text, size_t n) {
+    text.__resize_default_init(n);
+};
+#endif
+
+#if !defined(__cpp_lib_string_resize_and_overwrite) && defined(__GLIBCXX__) && \
+    _GLIBCXX_USE_CXX11_ABI
+// libstdc++ before C++23 sets a string's length without touching its
+// characters only in a private member. An explicit instantiation may name a
+// private member, and the friend it defines hands that member out.
+void SetLength(std::wstring& text, size_t length);
+template <void (std::wstring::*Member)(size_t)>
+struct LengthSetter {
+    friend void SetLength(std::wstring& text, size_t length) { (text.*Member)(length); }
+};
+template struct LengthSetter<&std::wstring::_M_set_length>;
+#define KALDO_SET_LENGTH 1
+#endif
+
+// Lets `write` put up to `extra` characters at the end of `text`; it returns
+// how many it wrote, and the text grows by that many.
+template <typename Write>
+void AppendWritten(std::wstring& text, size_t extra, Write write) {
+    const size_t old = text.size();
+#if defined(__cpp_lib_string_resize_and_overwrite)
+    text.resize_and_overwrite(old + extra,
+                              [&](wchar_t* data, size_t) { return old + write(data + old); });
+#elif defined(KALDO_SET_LENGTH)
+    if (text.capacity() < old + extra) text.reserve(old + extra);
+    SetLength(text, old + write(text.data() + old));
+#else
+#if defined(_LIBCPP_VERSION)
+    if constexpr (GrowsUninitialized<std::wstring>) {
+        text.__resize_default_init(old + extra);
+    } else {
+        text.resize(old + extra);
+    }
+#else
+    text.resize(old + extra);
+#endif
+    text.resize(old + write(text.data() + old));
+#endif
+}
+
 }  // namespace
 
 size_t DecodeUtf8(const unsigned char* in, size_t size, wchar_t* out, bool final,
@@ -457,31 +508,8 @@ size_t DecodeUtf8(const unsigned char* in, size_t size, wchar_t* out, bool final
 
 void AppendDecodedUtf8(const unsigned char* in, size_t size, bool final, std::wstring& out,
                        size_t& consumed) {
-#if defined(__cpp_lib_string_resize_and_overwrite)
-    const size_t old = out.size();
-    out.resize_and_overwrite(old + size, [&](wchar_t* data, size_t) {
-        return old + DecodeUtf8(in, size, data + old, final, consumed);
-    });
-#else
-    // A C++20 string grows only by filling the new characters in, which on
-    // a large text costs as much as a second copy of it: the fill would go
-    // out to memory and the decoded text after it. Growing one cache-sized
-    // piece at a time keeps the fill in the cache, where the decoder
-    // overwrites it.
-    constexpr size_t kPiece = 8 * 1024;
-    size_t done = 0;
-    for (;;) {
-        const size_t piece = std::min(size - done, kPiece);
-        const bool last = piece == size - done;
-        const size_t old = out.size();
-        out.resize(old + piece);
-        size_t used = 0;
-        out.resize(old + DecodeUtf8(in + done, piece, out.data() + old, final && last, used));
-        done += used;
-        if (last) break;
-    }
-    consumed = done;
-#endif
+    AppendWritten(out, size,
+                  [&](wchar_t* room) { return DecodeUtf8(in, size, room, final, consumed); });
 }
 
 void EncodeUtf8(const wchar_t* text, size_t size, std::string& out) {
