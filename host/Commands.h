@@ -79,5 +79,7 @@ std::string CommandFooter(const std::string& notes);
 void AddCallCommand(CLI::App& app, Host& host);
 // implvm methods
 void AddMethodsCommand(CLI::App& app, Host& host);
+// implvm inventory [--json]
+void AddInventoryCommand(CLI::App& app, Host& host);
 
 }  // namespace implvm

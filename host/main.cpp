@@ -39,6 +39,7 @@ int main(int argc, char** argv) {
 
     implvm::AddCallCommand(app, host);
     implvm::AddMethodsCommand(app, host);
+    implvm::AddInventoryCommand(app, host);
     for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 
     app.footer(std::string("Every command has --help. Examples:\n"

@@ -1,0 +1,373 @@
+// implvm inventory: what a host does with the module, all at once. Finds the
+// installed hypervisors, lists and describes every VM with the methods that
+// fit each version, and asks both host checks whether the Mac is itself a VM.
+// The whole inventory is one JSON document; the human form is a view of it,
+// so the two never tell different stories.
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "Installed.h"
+#include "KALDO/CStringUtils.h"
+
+namespace implvm {
+
+namespace {
+
+// One line on standard error, rewritten in place, while the inventory runs;
+// nothing at all when standard error is not a terminal (a log, a pipe).
+class Progress {
+public:
+    Progress() : enabled_(::isatty(STDERR_FILENO) == 1) {}
+    ~Progress() { clear(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void show(const std::string& text) {
+        if (!enabled_) return;
+        std::cerr << "\r\033[K" << text << std::flush;
+        shown_ = true;
+    }
+    void clear() {
+        if (shown_) std::cerr << "\r\033[K" << std::flush;
+        shown_ = false;
+    }
+
+private:
+    bool enabled_;
+    bool shown_ = false;
+};
+
+KALDO::typeProperty NameInput(const std::string& id) {
+    KALDO::typeProperty inputs;
+    inputs.changeTypeToMap();
+    inputs.addMapVal(L"Name", KALDO::CStringUtils::StringToWString(id));
+    return inputs;
+}
+
+// {"method", "result", "outputs", "errors"}: a call as `implvm call` prints
+// it, with the method's name in front.
+Json MethodCall(const Module& module, const char* method, const KALDO::typeProperty& inputs,
+                const std::string& version) {
+    Json call = {{"method", method}};
+    call.update(OutcomeToJson(module.call(method, inputs, version)));
+    return call;
+}
+
+Json NullableText(const char* text) {
+    return text != nullptr ? Json(text) : Json(nullptr);
+}
+
+Json HypervisorSection(const Module& module, const Product& product, Progress& progress) {
+    const ProductFacts& facts = product.facts();
+    Json section = {
+        {"name", facts.name},
+        {"bundleId", facts.bundleId},
+        {"installed", product.installed},
+        {"version", product.installed ? Json(product.version) : Json(nullptr)},
+        {"appPath", product.installed ? Json(product.appPath) : Json(nullptr)},
+        {"served", product.served()},
+        {"oldestServed", facts.oldestServed},
+        {"productVersion", Json{{"method", "VirtualMachineImpl_Common_GetProductVersion"}}},
+        {"methods",
+         {{"enumerate", NullableText(product.methods.enumerate)},
+          {"info", NullableText(product.methods.info)},
+          {"network", NullableText(product.methods.network)}}},
+        {"enumeration", nullptr},
+        {"vms", Json::array()},
+    };
+    section["productVersion"].update(OutcomeToJson(product.versionCall));
+    if (!product.served()) return section;
+
+    progress.show(std::string("implvm inventory: listing the ") + facts.name + " VMs");
+    const KALDO::typeProperty noInputs;
+    section["enumeration"] =
+        MethodCall(module, product.methods.enumerate, noInputs, product.version);
+    const Json& listed = section["enumeration"]["outputs"];
+    if (!listed.is_object() || !listed.contains("VMs") || !listed["VMs"].is_array()) return section;
+
+    Json& vms = section["vms"];
+    const size_t count = listed["VMs"].size();
+    for (const Json& id : listed["VMs"]) {
+        if (!id.is_string()) continue;
+        progress.show(std::string("implvm inventory: ") + facts.name + ", VM " +
+                      std::to_string(vms.size() + 1) + " of " + std::to_string(count));
+        const KALDO::typeProperty inputs = NameInput(id.get<std::string>());
+        vms.push_back(
+            {{"id", id},
+             {"info", MethodCall(module, product.methods.info, inputs, product.version)},
+             {"network", MethodCall(module, product.methods.network, inputs, product.version)}});
+    }
+    return section;
+}
+
+Json TakeInventory(const Module& module) {
+    Progress progress;
+    progress.show("implvm inventory: looking for hypervisors");
+    const std::array<Product, 3> products = FindProducts(module);
+    Json hypervisors = Json::object();
+    for (const Product& product : products)
+        hypervisors[product.facts().key] = HypervisorSection(module, product, progress);
+
+    progress.show("implvm inventory: checking whether this Mac is a virtual machine");
+    const KALDO::typeProperty noInputs;
+    Json checks = {
+        {"hardware",
+         MethodCall(module, "VirtualMachineImpl_Common_IsMachineVirtual", noInputs, "")},
+        {"network", MethodCall(module, "ImplVm_Common_IsMachineVirtual", noInputs, "")},
+    };
+    return {{"hypervisors", std::move(hypervisors)}, {"host", std::move(checks)}};
+}
+
+// ---- the human form ----
+
+std::string Text(const Json& value, const char* key) {
+    const auto it = value.is_object() ? value.find(key) : value.end();
+    return it != value.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+int Integer(const Json& value, const char* key, int otherwise) {
+    const auto it = value.is_object() ? value.find(key) : value.end();
+    return it != value.end() && it->is_number_integer() ? it->get<int>() : otherwise;
+}
+
+std::string FileName(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The last path element without its extension: "Kali Purple" for
+// ".../Kali Purple.vmwarevm/Kali Purple.vmx".
+std::string Stem(const std::string& path) {
+    const std::string name = FileName(path);
+    const size_t dot = name.find_last_of('.');
+    return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+// "GetVMInfo answered -1 (-1 at ImplVirtualMachine_VmWare.cpp:412)"
+std::string Failure(const Json& call) {
+    const std::string method = Text(call, "method");
+    std::string text = method.substr(method.find_last_of('_') + 1) + " answered " +
+                       std::to_string(Integer(call, "result", 0));
+    std::string records;
+    for (const Json& record : call["errors"]) {
+        records += records.empty() ? " (" : "; ";
+        records += std::to_string(Integer(record, "code", 0)) + " at " +
+                   FileName(Text(record, "file")) + ":" +
+                   std::to_string(Integer(record, "line", 0));
+    }
+    return text + records + (records.empty() ? "" : ")");
+}
+
+bool Failed(const Json& call) {
+    return Integer(call, "result", -1) < 0;
+}
+
+const char* StateWord(int state) {
+    switch (state) {
+        case 1:
+            return "running";
+        case 2:
+            return "suspended/paused";
+        case 3:
+            return "stopped";
+        default:
+            return "unknown";
+    }
+}
+
+const char* FamilyWord(int type) {
+    switch (type) {
+        case 1:
+            return "Linux";
+        case 2:
+            return "Mac OS X";
+        case 3:
+            return "Windows";
+        default:
+            return "other";
+    }
+}
+
+const char* AttachmentWord(int type) {
+    switch (type) {
+        case 1:
+            return "NAT";
+        case 2:
+            return "bridged";
+        case 3:
+            return "host-only";
+        default:
+            return "other";
+    }
+}
+
+std::string GuestText(const Json& os) {
+    const std::string distribution = Text(os, "Distribution");
+    return distribution.empty() ? FamilyWord(Integer(os, "Type", 0)) : distribution;
+}
+
+// "NAT, host-only (disconnected)"; "none" for a VM without adapters.
+std::string AdaptersText(const Json& networks) {
+    std::string text;
+    if (networks.is_array()) {
+        for (const Json& adapter : networks) {
+            if (!text.empty()) text += ", ";
+            text += AttachmentWord(Integer(adapter, "Type", 0));
+            if (Integer(adapter, "IsConnected", 1) == 0) text += " (disconnected)";
+        }
+    }
+    return text.empty() ? "none" : text;
+}
+
+// A table row. A VM that cannot be described has one text in place of its
+// guest, state and adapter cells.
+struct Row {
+    std::vector<std::string> cells;  // 5 cells, or 3 when spanning
+    bool spanning() const { return cells.size() == 3; }
+};
+
+Row VmRow(const Json& vm) {
+    const std::string id = Text(vm, "id");
+    const Json& info = vm["info"];
+    const Json& network = vm["network"];
+    if (Failed(info)) {
+        // Both methods read the same description, so they mostly fail alike:
+        // the network call is named only when it tells something else.
+        std::string failure = "failed: " + Failure(info);
+        if (Failed(network) &&
+            (network["result"] != info["result"] || network["errors"] != info["errors"]))
+            failure += "; " + Failure(network);
+        return {{Stem(id), failure, id}};
+    }
+    const Json& out = info["outputs"];
+    return {{Text(out, "UserFriendlyName"), GuestText(out.value("OS", Json())),
+             StateWord(Integer(out, "State", 0)),
+             Failed(network) ? "failed: " + Failure(network)
+                             : AdaptersText(network["outputs"].value("Networks", Json())),
+             id}};
+}
+
+// Characters, not bytes: names are UTF-8 and often not ASCII.
+size_t Width(const std::string& text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+    }));
+}
+
+// Columns padded to their widest cell. A failure text runs on over the
+// guest, state and adapter columns and may push that one row's VM further
+// right, rather than widening the table for every row.
+void PrintTable(std::ostream& out, const std::vector<Row>& rows) {
+    constexpr size_t kGap = 2;
+    std::vector<size_t> widths(5, 0);
+    for (const Row& row : rows) {
+        for (size_t c = 0; c < row.cells.size(); ++c) {
+            const size_t column = row.spanning() && c == 2 ? 4 : c;
+            if (!(row.spanning() && c == 1))
+                widths[column] = std::max(widths[column], Width(row.cells[c]));
+        }
+    }
+    for (const Row& row : rows) {
+        std::string line = "  ";
+        for (size_t c = 0; c < row.cells.size(); ++c) {
+            const std::string& cell = row.cells[c];
+            line += cell;
+            if (c + 1 == row.cells.size()) break;
+            const size_t width =
+                row.spanning() && c == 1 ? widths[1] + widths[2] + widths[3] + 2 * kGap : widths[c];
+            line.append(width - std::min(width, Width(cell)) + kGap, ' ');
+        }
+        out << line << '\n';
+    }
+}
+
+void PrintSection(std::ostream& out, const Json& section) {
+    const std::string name = Text(section, "name");
+    if (!section["installed"].get<bool>()) {
+        out << name << ": not installed (no application " << Text(section, "bundleId") << ")\n";
+        return;
+    }
+    out << name << ' ' << Text(section, "version") << "  " << Text(section, "appPath") << '\n';
+    if (!section["served"].get<bool>()) {
+        out << "  the module serves " << name << ' ' << Integer(section, "oldestServed", 0)
+            << " and later only\n";
+        return;
+    }
+    const Json& enumeration = section["enumeration"];
+    if (Failed(enumeration)) {
+        out << "  the VMs could not be listed: " << Failure(enumeration) << '\n';
+        return;
+    }
+    if (section["vms"].empty()) {
+        out << "  no VMs";
+        if (!enumeration["errors"].empty()) out << " (" << Failure(enumeration) << ')';
+        out << '\n';
+        return;
+    }
+    std::vector<Row> rows = {{{"NAME", "GUEST OS", "STATE", "ADAPTERS", "VM"}}};
+    for (const Json& vm : section["vms"]) rows.push_back(VmRow(vm));
+    PrintTable(out, rows);
+}
+
+std::string Verdict(const Json& check) {
+    if (Failed(check)) return "check failed: " + Failure(check);
+    const Json& out = check["outputs"];
+    const std::string vendor = Text(out, "VMCompanyName");
+    switch (Integer(out, "IsMachineVirtual", -1)) {
+        case 0:
+            return "not a virtual machine";
+        case 1:
+            return "a virtual machine (" + (vendor.empty() ? "vendor unknown" : vendor) + ")";
+        case 2:
+            return "perhaps a virtual machine (an adapter's address could not be read)";
+        default:
+            return "no verdict";
+    }
+}
+
+void PrintInventory(std::ostream& out, const Json& inventory) {
+    for (const auto& [key, section] : inventory["hypervisors"].items()) {
+        PrintSection(out, section);
+        out << '\n';
+    }
+    const Json& checks = inventory["host"];
+    out << "This Mac\n"
+        << "  by its hardware profile:   " << Verdict(checks["hardware"]) << '\n'
+        << "  by its network addresses:  " << Verdict(checks["network"]) << '\n';
+}
+
+}  // namespace
+
+void AddInventoryCommand(CLI::App& app, Host& host) {
+    auto json = std::make_shared<bool>(false);
+    CLI::App* inventory = app.add_subcommand(
+        "inventory",
+        "Find the installed hypervisors, list and describe every VM, and check whether this Mac "
+        "is itself a virtual machine.");
+    inventory->add_flag("--json", *json,
+                        "Print everything as one JSON document, with every method's result code "
+                        "and error records (see docs/inventory-json.md)");
+    inventory->footer(
+        "Each hypervisor is looked up by its application's bundle identifier; the methods that "
+        "fit its version list and describe the VMs. A VM that cannot be described shows the "
+        "method's code and error records in its row, and the inventory goes on. The VM column is "
+        "the identifier that the VM commands take. While it works, a progress line is shown on "
+        "standard error when that is a terminal.\n\n"
+        "Exit status: 0 when the inventory ran to the end (the methods' own codes are in its "
+        "output), 2 for a usage error or a module that cannot be loaded.");
+    inventory->callback([json, &host] {
+        const Json document = TakeInventory(host.module());
+        if (*json)
+            std::cout << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+        else
+            PrintInventory(std::cout, document);
+    });
+}
+
+}  // namespace implvm
