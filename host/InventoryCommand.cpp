@@ -238,10 +238,9 @@ Row VmRow(const Json& vm) {
     const Json& network = vm["network"];
     if (Failed(info)) {
         // Both methods read the same description, so they mostly fail alike:
-        // the network call is named only when it tells something else.
+        // the network call is named only when its code differs.
         std::string failure = "failed: " + Failure(info);
-        if (Failed(network) &&
-            (network["result"] != info["result"] || network["errors"] != info["errors"]))
+        if (Failed(network) && network["result"] != info["result"])
             failure += "; " + Failure(network);
         return {{Stem(id), failure, id}};
     }
@@ -290,7 +289,8 @@ void PrintTable(std::ostream& out, const std::vector<Row>& rows) {
 void PrintSection(std::ostream& out, const Json& section) {
     const std::string name = Text(section, "name");
     if (!section["installed"].get<bool>()) {
-        out << name << ": not installed (no application " << Text(section, "bundleId") << ")\n";
+        out << name << ": not installed (no application with bundle identifier "
+            << Text(section, "bundleId") << ")\n";
         return;
     }
     out << name << ' ' << Text(section, "version") << "  " << Text(section, "appPath") << '\n';

@@ -787,17 +787,7 @@ TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentAndInTheChild) {
 
 class ParallelsOnDemoMac : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::filesystem::copy(IMPLVM_SOURCE_DIR "/examples/demo-mac", mac_.root(),
-                              std::filesystem::copy_options::recursive |
-                                  std::filesystem::copy_options::overwrite_existing);
-        // The tools must be able to change the copy as the console user.
-        std::string facts = mac_.readFile("/.machine");
-        const size_t at = facts.find("console_uid = 501");
-        ASSERT_NE(at, std::string::npos);
-        facts.replace(at, 17, "console_uid = " + std::to_string(getuid()));
-        mac_.writeFile("/.machine", facts);
-    }
+    void SetUp() override { mac_.copyDemoMac(); }
 
     Json Run(const std::string& method, const std::vector<std::string>& inputs = {}) {
         std::vector<std::string> argv = {IMPLVM_BIN, "--root", mac_.root(), "call", method};
