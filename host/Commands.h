@@ -72,8 +72,10 @@ private:
 };
 
 // The end of a command's --help: its own notes, then what every command
-// shares (global options, exit status).
-std::string CommandFooter(const std::string& notes);
+// shares (global options, exit status). A command whose status means
+// something else gives its own exit-status text.
+std::string CommandFooter(const std::string& notes,
+                          const std::string& exitStatus = kExitStatusHelp);
 
 // implvm call METHOD [--product-version X.Y.Z] [--in KEY=VALUE]... [--in-json JSON]
 void AddCallCommand(CLI::App& app, Host& host);

@@ -32,11 +32,11 @@ void Host::applyGlobalOptions() {
                          "' (expected Operation[@path-or-tool]=code;...)");
 }
 
-std::string CommandFooter(const std::string& notes) {
+std::string CommandFooter(const std::string& notes, const std::string& exitStatus) {
     return notes +
            "\n\nThe global options (--root DIR, --module PATH, --fail SPEC) may also follow "
            "the command; see implvm --help.\n\n" +
-           kExitStatusHelp;
+           exitStatus;
 }
 
 const Module& Host::module() {

@@ -348,19 +348,24 @@ void AddInventoryCommand(CLI::App& app, Host& host) {
     auto json = std::make_shared<bool>(false);
     CLI::App* inventory = app.add_subcommand(
         "inventory",
-        "Find the installed hypervisors, list and describe every VM, and check whether this Mac "
-        "is itself a virtual machine.");
+        "Find the installed hypervisors, list and describe every VM, and tell whether this Mac "
+        "is itself a virtual machine");
     inventory->add_flag("--json", *json,
-                        "Print everything as one JSON document, with every method's result code "
-                        "and error records (see docs/inventory-json.md)");
-    inventory->footer(
-        "Each hypervisor is looked up by its application's bundle identifier; the methods that "
-        "fit its version list and describe the VMs. A VM that cannot be described shows the "
-        "method's code and error records in its row, and the inventory goes on. The VM column is "
-        "the identifier that the VM commands take. While it works, a progress line is shown on "
-        "standard error when that is a terminal.\n\n"
-        "Exit status: 0 when the inventory ran to the end (the methods' own codes are in its "
-        "output), 2 for a usage error or a module that cannot be loaded.");
+                        "Print everything as one JSON document, with every method's result code, "
+                        "outputs and error records (docs/inventory-json.md)");
+    inventory->footer(CommandFooter(
+        "Each hypervisor is found by its application's bundle identifier, and the methods that "
+        "fit its version list and describe its VMs. A row per VM: name, guest OS, state, "
+        "adapters, and the VM identifier that the VM commands take. A VM that cannot be "
+        "described shows the failing method's code and error records in its row, and the "
+        "inventory goes on. Then the two host checks' verdicts. While it works, a progress "
+        "line is shown on standard error when that is a terminal.\n\n"
+        "Examples:\n"
+        "  implvm inventory\n"
+        "  implvm --root examples/demo-mac inventory --json",
+        "Exit status: 0 when the inventory ran to the end, also where methods answered negative "
+        "codes (those are in its output); 2 for a usage error or a module that cannot be "
+        "loaded."));
     inventory->callback([json, &host] {
         const Json document = TakeInventory(host.module());
         if (*json)

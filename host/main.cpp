@@ -43,6 +43,7 @@ int main(int argc, char** argv) {
     for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 
     app.footer(std::string("Every command has --help. Examples:\n"
+                           "  implvm inventory\n"
                            "  implvm methods\n"
                            "  implvm call VirtualMachineImpl_Common_GetHypervisorType "
                            "--in HYPER_TYPE=2\n"
