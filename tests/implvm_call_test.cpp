@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <set>
 
 #include "ElfSymbols.h"
 #include "MethodNames.h"
@@ -10,21 +9,19 @@
 
 using implvm_test::Json;
 using implvm_test::ProcessResult;
-using implvm_test::RunProcess;
-using implvm_test::TestMachine;
+using Args = std::vector<std::string>;
 
 namespace {
 
-ProcessResult Implvm(std::vector<std::string> args) {
+ProcessResult Implvm(Args args) {
     args.insert(args.begin(), IMPLVM_BIN);
     // The test process's own machine root must not leak into the child.
-    return RunProcess(args, {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}});
+    return implvm_test::RunProcess(args, {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}});
 }
 
-// The one JSON document a call prints.
+// The one JSON document a call prints: result, outputs, errors.
 Json Document(const ProcessResult& r) {
-    Json doc = Json::parse(r.out);  // throws (and fails the test) on anything else
-    EXPECT_TRUE(doc.is_object());
+    Json doc = Json::parse(r.out);
     EXPECT_EQ(doc.size(), 3u);
     EXPECT_TRUE(doc.contains("result") && doc.contains("outputs") && doc.contains("errors"));
     return doc;
@@ -38,113 +35,67 @@ TEST(ImplvmCall, ModuleVersion) {
     EXPECT_EQ(r.err, "");
 }
 
-struct InputCase {
-    const char* name;
-    std::vector<std::string> args;  // after "call VirtualMachineImpl_Common_GetHypervisorType"
-    int result;
-    Json outputs;
-};
-
-class ImplvmInputs : public testing::TestWithParam<InputCase> {};
-
-TEST_P(ImplvmInputs, ReachTheMethodAsTreeKinds) {
-    const auto& c = GetParam();
-    std::vector<std::string> args = {"call", "VirtualMachineImpl_Common_GetHypervisorType"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    const auto r = Implvm(args);
-    const Json doc = Document(r);
-    EXPECT_EQ(doc["result"], c.result);
-    EXPECT_EQ(doc["outputs"], c.outputs);
-    EXPECT_EQ(doc["errors"], Json::array());
-    EXPECT_EQ(r.exitCode, c.result >= 0 ? 0 : 1);
+TEST(ImplvmCall, InputsReachTheMethodAsTreeKinds) {
+    const std::pair<Args, int> rows[] = {
+        // clang-format off
+        {{"--in", "HYPER_TYPE=2"}, 2},
+        {{}, -3},
+        {{"--in", "HYPER_TYPE=5=x"}, 5},
+        {{"--in-json", R"({"HYPER_TYPE": "7", "A": {"B": [1, null]}})"}, 7},
+        {{"--in-json", R"({"HYPER_TYPE": 7})"}, -3},  // an integer stays an integer
+        {{"--in-json", R"({"HYPER_TYPE": "1"})", "--in", "HYPER_TYPE=3"}, 3},
+        {{"--in", "HYPER_TYPE=9", "--fail", "GetNetworkDevices=-4"}, 9},
+        // clang-format on
+    };
+    for (const auto& [inputs, type] : rows) {
+        Args args = {"call", "VirtualMachineImpl_Common_GetHypervisorType"};
+        args.insert(args.end(), inputs.begin(), inputs.end());
+        const auto r = Implvm(args);
+        const Json doc = Document(r);
+        EXPECT_EQ(doc["result"], type < 0 ? type : 0) << r.out;
+        const Json outputs = type < 0 ? Json() : Json{{"HypervisorType", type}};
+        EXPECT_EQ(doc["outputs"], outputs);
+        EXPECT_EQ(r.exitCode, type < 0 ? 1 : 0);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Forms, ImplvmInputs,
-    testing::Values(
-        InputCase{"InPair", {"--in", "HYPER_TYPE=2"}, 0, {{"HypervisorType", 2}}},
-        InputCase{"NoInput", {}, -3, nullptr},
-        InputCase{"ValueWithEquals", {"--in", "HYPER_TYPE=5=x"}, 0, {{"HypervisorType", 5}}},
-        InputCase{
-            "JsonString", {"--in-json", R"({"HYPER_TYPE": "7"})"}, 0, {{"HypervisorType", 7}}},
-        // An integer stays an integer: the method reads a string and misses it.
-        InputCase{"JsonIntegerIsNotText", {"--in-json", R"({"HYPER_TYPE": 7})"}, -3, nullptr},
-        InputCase{"JsonNested",
-                  {"--in-json", R"({"A": {"B": [1, "x", null]}, "HYPER_TYPE": "4"})"},
-                  0,
-                  {{"HypervisorType", 4}}},
-        InputCase{"InOverridesJson",
-                  {"--in-json", R"({"HYPER_TYPE": "1"})", "--in", "HYPER_TYPE=3"},
-                  0,
-                  {{"HypervisorType", 3}}},
-        InputCase{"GlobalOptionAfterCommand",
-                  {"--in", "HYPER_TYPE=9", "--fail", "GetNetworkDevices=-4"},
-                  0,
-                  {{"HypervisorType", 9}}}),
-    [](const auto& p) { return std::string(p.param.name); });
-
-struct UsageCase {
-    const char* name;
-    std::vector<std::string> args;
-    const char* mention;  // the stderr line names the culprit
-};
-
-class ImplvmUsage : public testing::TestWithParam<UsageCase> {};
-
-TEST_P(ImplvmUsage, OneLineOnStandardErrorAndStatusTwo) {
-    const auto& c = GetParam();
-    const auto r = Implvm(c.args);
-    EXPECT_EQ(r.exitCode, 2);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_NE(r.err.find(c.mention), std::string::npos) << r.err;
+TEST(ImplvmCall, MistakesGiveOneLineOnStandardErrorAndStatusTwo) {
+    const std::string type = "VirtualMachineImpl_Common_GetHypervisorType";
+    const std::string version = "VirtualMachineImpl_Common_GetModuleVersion";
+    const std::pair<Args, std::string> rows[] = {
+        // clang-format off
+        {{}, "command"},
+        {{"call", "NoSuchMethod"}, "NoSuchMethod"},
+        {{"call", "macAddressCheck"}, "macAddressCheck"},
+        {{"call", version, "--bogus"}, "--bogus"},
+        {{"call", type, "--in", "HYPER_TYPE"}, "KEY=VALUE"},
+        {{"call", type, "--in-json", "{\"a\":"}, "--in-json"},
+        {{"call", type, "--in-json", "[1]"}, "object"},
+        {{"call", version, "--product-version", "latest"}, "--product-version"},
+        {{"--fail", "no code here", "call", version}, "--fail"},
+        {{"--root", "/nonexistent/root", "call", version}, "/nonexistent/root"},
+        {{"--module", "/nonexistent/lib.so", "methods"}, "/nonexistent/lib.so"},
+        // clang-format on
+    };
+    for (const auto& [args, mention] : rows) {
+        const auto r = Implvm(args);
+        EXPECT_EQ(r.exitCode, 2) << mention;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_NE(r.err.find(mention), std::string::npos) << r.err;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Mistakes, ImplvmUsage,
-    testing::Values(
-        UsageCase{"NoCommand", {}, "command"},
-        UsageCase{"UnknownCommand", {"frobnicate"}, "frobnicate"},
-        UsageCase{"UnknownMethod", {"call", "NoSuchMethod"}, "NoSuchMethod"},
-        UsageCase{"InternalRoutineIsNoMethod", {"call", "macAddressCheck"}, "macAddressCheck"},
-        UsageCase{"UnknownFlag",
-                  {"call", "VirtualMachineImpl_Common_GetModuleVersion", "--bogus"},
-                  "--bogus"},
-        UsageCase{"PairWithoutEquals",
-                  {"call", "VirtualMachineImpl_Common_GetHypervisorType", "--in", "HYPER_TYPE"},
-                  "KEY=VALUE"},
-        UsageCase{"BadJson",
-                  {"call", "VirtualMachineImpl_Common_GetHypervisorType", "--in-json", "{\"a\":"},
-                  "--in-json"},
-        UsageCase{"JsonNotAnObject",
-                  {"call", "VirtualMachineImpl_Common_GetHypervisorType", "--in-json", "[1]"},
-                  "object"},
-        UsageCase{
-            "BadVersion",
-            {"call", "VirtualMachineImpl_Common_GetModuleVersion", "--product-version", "latest"},
-            "--product-version"},
-        UsageCase{"BadFailpoints",
-                  {"--fail", "no code here", "call", "VirtualMachineImpl_Common_GetModuleVersion"},
-                  "--fail"},
-        UsageCase{"MissingRoot",
-                  {"--root", "/nonexistent/implvm-root", "call",
-                   "VirtualMachineImpl_Common_GetModuleVersion"},
-                  "/nonexistent/implvm-root"},
-        UsageCase{"MissingModule",
-                  {"--module", "/nonexistent/libImplVirtualMachine.so", "methods"},
-                  "/nonexistent/libImplVirtualMachine.so"}),
-    [](const auto& p) { return std::string(p.param.name); });
-
-TEST(ImplvmHelp, EveryCommandHasHelp) {
-    for (const auto& [args, mentions] :
-         std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>>{
-             {{"--help"}, {"call", "methods", "--root", "--module", "--fail"}},
-             {{"call", "--help"}, {"METHOD", "--product-version", "--in", "--in-json"}},
-             {{"methods", "--help"}, {"method functions"}}}) {
+TEST(ImplvmCall, EveryCommandHasHelp) {
+    const std::pair<Args, Args> rows[] = {
+        {{"--help"}, {"call", "methods", "--root", "--module", "--fail"}},
+        {{"call", "--help"}, {"METHOD", "--product-version", "--in", "--in-json"}},
+        {{"methods", "--help"}, {"method functions"}},
+    };
+    for (const auto& [args, mentions] : rows) {
         const auto r = Implvm(args);
         EXPECT_EQ(r.exitCode, 0) << args[0];
-        for (const auto& word : mentions)
-            EXPECT_NE(r.out.find(word), std::string::npos) << args[0] << ": " << word;
+        for (const auto& word : mentions) EXPECT_NE(r.out.find(word), std::string::npos) << word;
     }
 }
 
@@ -157,69 +108,41 @@ TEST(ImplvmMethods, ListsTheExportedMethodFunctionsOnly) {
     for (const char* name : implvm::kMethodNames)
         if (exports.functions.count(name)) expected += std::string(name) + "\n";
     EXPECT_EQ(r.out, expected);
-    for (const char* common :
-         {"VirtualMachineImpl_Common_GetModuleVersion",
-          "VirtualMachineImpl_Common_GetProductVersion",
-          "VirtualMachineImpl_Common_GetHypervisorType",
-          "VirtualMachineImpl_Common_IsMachineVirtual", "ImplVm_Common_IsMachineVirtual"})
-        EXPECT_NE(r.out.find(std::string(common) + "\n"), std::string::npos) << common;
+    EXPECT_NE(r.out.find("ImplVm_Common_IsMachineVirtual\n"), std::string::npos);
     EXPECT_EQ(r.out.find("macAddressCheck"), std::string::npos);
-
-    // The same module named explicitly.
-    EXPECT_EQ(Implvm({"--module", IMPLVM_MODULE_PATH, "methods"}).out, r.out);
 }
 
-TEST(ImplvmRoot, ProductVersionFromTheRootsBundle) {
-    TestMachine mac;
+TEST(ImplvmRoot, ToolsFilesAndFailpointsOfTheRoot) {
+    implvm_test::TestMachine mac;
     mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "13.5.2");
-    const auto r =
-        Implvm({"--root", mac.root(), "call", "VirtualMachineImpl_Common_GetProductVersion", "--in",
-                "BundleId=com.vmware.fusion"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    const Json doc = Document(r);
-    EXPECT_EQ(doc["result"], 0);
-    EXPECT_EQ(doc["outputs"]["ProductVersion"], "13.5.2");
-    // Paths come back as the Mac sees them, never with the root in front.
-    EXPECT_EQ(doc["outputs"].dump().find(mac.root()), std::string::npos);
-
-    // Not installed there: the library's code, recorded, and status 1.
-    const auto missing =
-        Implvm({"--root", mac.root(), "call", "VirtualMachineImpl_Common_GetProductVersion", "--in",
-                "BundleId=com.parallels.desktop.console"});
-    EXPECT_EQ(missing.exitCode, 1);
-    const Json failed = Document(missing);
-    EXPECT_LT(failed["result"].get<int>(), 0);
-    ASSERT_EQ(failed["errors"].size(), 1u);
-    EXPECT_EQ(failed["errors"][0]["code"], failed["result"]);
-}
-
-TEST(ImplvmRoot, ToolsRunInsideTheRoot) {
-    TestMachine mac;
     mac.installTool("/usr/sbin/system_profiler").respond("Model Identifier: VMware7,1\n");
-    const auto r =
-        Implvm({"call", "VirtualMachineImpl_Common_IsMachineVirtual", "--root", mac.root()});
+    auto call = [&](const Args& tail) {
+        Args args = {"--root", mac.root()};
+        args.insert(args.end(), tail.begin(), tail.end());
+        return Implvm(args);
+    };
+    const std::string product = "VirtualMachineImpl_Common_GetProductVersion";
+    auto r = call({"call", product, "--in", "BundleId=com.vmware.fusion"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
+    // Paths come back as the Mac sees them, never with the root in front.
+    EXPECT_EQ(Document(r)["outputs"],
+              (Json{{"ProductVersion", "13.5.2"}, {"AppPath", "/Applications/VMware Fusion.app"}}));
+
+    r = call({"call", "VirtualMachineImpl_Common_IsMachineVirtual"});
     EXPECT_EQ(Document(r)["outputs"],
               (Json{{"IsMachineVirtual", 1}, {"VMCompanyName", "VMware, Inc."}}));
-}
 
-TEST(ImplvmFail, FailpointsReachTheLibrary) {
-    TestMachine mac;
-    mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "13.5.2");
-    const auto r = Implvm({"--root", mac.root(), "--fail", "getInputsForMethod=-4", "call",
-                           "VirtualMachineImpl_Common_GetProductVersion", "--in",
-                           "BundleId=com.vmware.fusion"});
+    r = call(
+        {"--fail", "getInputsForMethod=-4", "call", product, "--in", "BundleId=com.vmware.fusion"});
     EXPECT_EQ(r.exitCode, 1);
     const Json doc = Document(r);
     EXPECT_EQ(doc["result"], -1);
     EXPECT_TRUE(doc["outputs"].is_null());
     ASSERT_EQ(doc["errors"].size(), 1u);
-    const Json& error = doc["errors"][0];
-    EXPECT_EQ(error["code"], -1);
-    EXPECT_TRUE(error["file"].get<std::string>().ends_with(
-        "Impl_Mac/ImplVirtualMachine/ImplVirtualMachine_Common.cpp"))
-        << error["file"];
-    EXPECT_GT(error["line"].get<int>(), 0);
+    EXPECT_EQ(doc["errors"][0]["code"], -1);
+    EXPECT_TRUE(doc["errors"][0]["file"].get<std::string>().ends_with(
+        "Impl_Mac/ImplVirtualMachine/ImplVirtualMachine_Common.cpp"));
+    EXPECT_GT(doc["errors"][0]["line"].get<int>(), 0);
 }
 
 }  // namespace
