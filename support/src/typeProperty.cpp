@@ -21,7 +21,7 @@ struct typeProperty::MapData {
     struct Hash {
         using is_transparent = void;
         const MapData* owner;
-        size_t operator()(size_t index) const { return (*this)(owner->entries[index].first); }
+        size_t operator()(size_t at) const { return (*this)(owner->entries[at].first); }
         size_t operator()(std::wstring_view key) const {
             return std::hash<std::wstring_view>{}(key);
         }
@@ -29,7 +29,7 @@ struct typeProperty::MapData {
     struct Equal {
         using is_transparent = void;
         const MapData* owner;
-        std::wstring_view key(size_t index) const { return owner->entries[index].first; }
+        std::wstring_view key(size_t at) const { return owner->entries[at].first; }
         bool operator()(size_t a, size_t b) const { return key(a) == key(b); }
         bool operator()(std::wstring_view a, size_t b) const { return a == key(b); }
         bool operator()(size_t a, std::wstring_view b) const { return key(a) == b; }
