@@ -33,6 +33,12 @@ demo: build
 bench: deps
 	scripts/bench
 
+# libFuzzer targets (clang, ASan + UBSan), each for FUZZ_SECONDS (see
+# docs/reliability.md).
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	scripts/fuzz $(FUZZ_SECONDS)
+
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
