@@ -145,10 +145,18 @@ int Convert(plist_t node, typeProperty& out, int depth) {
             }
             return kOk;
         }
-        case PLIST_STRING:
+        case PLIST_STRING: {
+            // By pointer and length: the copying accessor asserts that the
+            // text holds no NUL byte, and a list that has one (a binary list,
+            // a damaged file) would abort the whole host.
+            uint64_t length = 0;
+            const char* raw = plist_get_string_ptr(node, &length);
+            out.setVal(Tagged(L"\\s", raw ? std::string(raw, length) : std::string()));
+            return kOk;
+        }
         case PLIST_KEY: {
             char* raw = nullptr;
-            plist_get_string_val(node, &raw);
+            plist_get_key_val(node, &raw);
             OwnedText text(raw);
             out.setVal(Tagged(L"\\s", text ? text.get() : ""));
             return kOk;
