@@ -88,7 +88,8 @@ TEST(ImplvmCall, MistakesGiveOneLineOnStandardErrorAndStatusTwo) {
 
 TEST(ImplvmCall, EveryCommandHasHelp) {
     const std::pair<Args, Args> rows[] = {
-        {{"--help"}, {"call", "methods", "--root", "--module", "--fail"}},
+        {{"--help"}, {"call", "methods", "inventory", "--root", "--module", "--fail"}},
+        {{"inventory", "--help"}, {"--json"}},
         {{"call", "--help"}, {"METHOD", "--product-version", "--in", "--in-json"}},
         {{"methods", "--help"}, {"method functions"}},
     };

@@ -64,55 +64,37 @@ TEST_P(ProductVersions, PickTheMethodsWrittenForThem) {
 constexpr const char* kNone = nullptr;
 constexpr auto kId = VmArgument::kIdentifier;
 
-INSTANTIATE_TEST_SUITE_P(
-    Boundaries, ProductVersions,
-    testing::Values(VersionCase{"Parallels3", Hypervisor::kParallels, "3.0", false, kNone, kNone,
-                                kId, "-", kNone, kNone},
-                    VersionCase{"Parallels8", Hypervisor::kParallels, "8.0.18619", true,
-                                "VirtualMachineImpl_Parallels4_EnumerateVMs",
-                                "VirtualMachineImpl_Parallels4_StartVM", kId, "-", kNone, kNone},
-                    VersionCase{"Parallels9", Hypervisor::kParallels, "9.0.24172", true,
-                                "VirtualMachineImpl_Parallels4_EnumerateVMs",
-                                "ImplVirtualMachine_Parallels_9_X_StartVM", VmArgument::kConfigFile,
-                                "stop", "ImplVirtualMachine_Parallels_9_X_OperateVM", kNone},
-                    VersionCase{"Fusion3", Hypervisor::kVmWareFusion, "3.1.4", true,
-                                "VirtualMachineImpl_VmWareFusion1_EnumerateVMs",
-                                "VirtualMachineImpl_VmWareFusion1_StartVM", kId, "", kNone, kNone},
-                    VersionCase{"Fusion4", Hypervisor::kVmWareFusion, "4.1.3", true,
-                                "VirtualMachineImpl_VmWareFusion1_EnumerateVMs",
-                                "VirtualMachineImpl_VmWareFusion1_StartVM", kId, "", kNone,
-                                "VirtualMachineImpl_VmWareFusion4_AddSnapshot"},
-                    VersionCase{"Fusion5", Hypervisor::kVmWareFusion, "5.0.0", true,
-                                "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs",
-                                "VirtualMachineImpl_VmWareFusion1_StartVM", kId, "", kNone,
-                                "VirtualMachineImpl_VmWareFusion4_AddSnapshot"},
-                    VersionCase{"VirtualBox1", Hypervisor::kVirtualBox, "1.6.6", false, kNone,
-                                kNone, kId, "-", kNone, kNone},
-                    VersionCase{"VirtualBox3", Hypervisor::kVirtualBox, "3.2.28", true,
-                                "VirtualMachineImpl_VirtualBox2_EnumerateVMs", kNone, kId, "-",
-                                kNone, kNone},
-                    VersionCase{"VirtualBox4", Hypervisor::kVirtualBox, "4.3.12", true,
-                                "VirtualMachineImpl_VirtualBox2_EnumerateVMs",
-                                "VirtualMachineImpl_VirtualBox_4_X_StartVM",
-                                VmArgument::kMachineName, "",
-                                "VirtualMachineImpl_VirtualBox_4_X_PauseVM", kNone}),
-    [](const testing::TestParamInfo<VersionCase>& p) { return std::string(p.param.name); });
+// clang-format off
+const VersionCase kVersionCases[] = {
+    {"Parallels3", Hypervisor::kParallels, "3.0", false, kNone, kNone, kId, "-", kNone, kNone},
+    {"Parallels8", Hypervisor::kParallels, "8.0.18619", true,
+     "VirtualMachineImpl_Parallels4_EnumerateVMs", "VirtualMachineImpl_Parallels4_StartVM", kId,
+     "-", kNone, kNone},
+    {"Parallels9", Hypervisor::kParallels, "9.0.24172", true,
+     "VirtualMachineImpl_Parallels4_EnumerateVMs", "ImplVirtualMachine_Parallels_9_X_StartVM",
+     VmArgument::kConfigFile, "stop", "ImplVirtualMachine_Parallels_9_X_OperateVM", kNone},
+    {"Fusion3", Hypervisor::kVmWareFusion, "3.1.4", true,
+     "VirtualMachineImpl_VmWareFusion1_EnumerateVMs", "VirtualMachineImpl_VmWareFusion1_StartVM",
+     kId, "", kNone, kNone},
+    {"Fusion4", Hypervisor::kVmWareFusion, "4.1.3", true,
+     "VirtualMachineImpl_VmWareFusion1_EnumerateVMs", "VirtualMachineImpl_VmWareFusion1_StartVM",
+     kId, "", kNone, "VirtualMachineImpl_VmWareFusion4_AddSnapshot"},
+    {"Fusion5", Hypervisor::kVmWareFusion, "5.0.0", true,
+     "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs", "VirtualMachineImpl_VmWareFusion1_StartVM",
+     kId, "", kNone, "VirtualMachineImpl_VmWareFusion4_AddSnapshot"},
+    {"VirtualBox1", Hypervisor::kVirtualBox, "1.6.6", false, kNone, kNone, kId, "-", kNone, kNone},
+    {"VirtualBox3", Hypervisor::kVirtualBox, "3.2.28", true,
+     "VirtualMachineImpl_VirtualBox2_EnumerateVMs", kNone, kId, "-", kNone, kNone},
+    {"VirtualBox4", Hypervisor::kVirtualBox, "4.3.12", true,
+     "VirtualMachineImpl_VirtualBox2_EnumerateVMs", "VirtualMachineImpl_VirtualBox_4_X_StartVM",
+     VmArgument::kMachineName, "", "VirtualMachineImpl_VirtualBox_4_X_PauseVM", kNone},
+};
+// clang-format on
 
-TEST(Installed, ProductWithoutBundleIsNotInstalledAndKeepsTheModulesAnswer) {
-    implvm_test::TestMachine mac;
-    mac.setConsoleUser("ann", 501, "/Users/ann");
-    mac.installApp("/Applications/VirtualBox.app", "org.virtualbox.app.VirtualBox", "7.0.14");
-
-    const auto products = implvm::FindProducts(TheModule());
-    ASSERT_EQ(products[0].hypervisor, Hypervisor::kParallels);
-    EXPECT_FALSE(products[0].installed);
-    EXPECT_LT(products[0].versionCall.result, 0);
-    EXPECT_FALSE(products[0].versionCall.errors.empty());
-    EXPECT_EQ(products[0].methods.enumerate, nullptr);
-    EXPECT_FALSE(products[1].installed);
-    EXPECT_TRUE(products[2].served());
-    EXPECT_EQ(products[2].major, 7);
-}
+INSTANTIATE_TEST_SUITE_P(Boundaries, ProductVersions, testing::ValuesIn(kVersionCases),
+                         [](const testing::TestParamInfo<VersionCase>& p) {
+                             return std::string(p.param.name);
+                         });
 
 TEST(Installed, ConfigFileOfABundle) {
     EXPECT_EQ(implvm::ConfigFileOf("/Users/ann/Parallels/Win.pvm"),

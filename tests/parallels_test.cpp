@@ -151,8 +151,9 @@ TEST(ParallelsReader, DescribesVmsNumberingAdaptersAmongAllOfThem) {
         const char* info;
         const char* networks;
     } vms[] = {
+        // The state: a *.mem entry, a config.sav entry, both; names match exactly.
         {xp,
-         {"Windows XP.mem", "Windows XP-0.hdd"},
+         {"Windows XP.mem", "config.sav.backup", "Windows XP-0.hdd"},
          R"({"UserFriendlyName": "Windows XP", "OS": {"Type": 3, "Distribution": "Windows XP"},
              "State": 1})",
          R"([{"Name": "Network Adapter 1", "Type": 1, "IsConnected": 1, "MacAddress": ""},
@@ -165,7 +166,7 @@ TEST(ParallelsReader, DescribesVmsNumberingAdaptersAmongAllOfThem) {
              "State": 2})",
          R"([{"Name": "Private", "Type": 3, "IsConnected": 1, "MacAddress": ""}])"},
         {leopard,
-         {},
+         {"Windows XP.mem.tmp", "config.sav"},
          R"({"UserFriendlyName": "Leopard Server",
              "OS": {"Type": 2, "Distribution": "Mac OS X Server 10.5"}, "State": 3})",
          "[]"},
@@ -204,22 +205,6 @@ TEST(ParallelsReader, OsCodesComeFromClosedTablesOfExactTexts) {
         WriteBundle(mac, kHome, Guest("Guest", row.osType, row.osNumber));
         const CallResult r = Call(VirtualMachineImpl_Parallels4_GetVMInfo, {{"Name", kHome}});
         EXPECT_EQ(r.outputs["OS"], (Json{{"Type", row.type}, {"Distribution", row.distribution}}));
-    }
-}
-
-TEST(ParallelsReader, StateComesFromTheBundlesEntryNames) {
-    const std::pair<std::vector<std::string>, int> rows[] = {
-        {{"Windows XP.mem"}, 1},
-        {{"config.sav", "Windows XP.mem"}, 2},
-        {{"config.sav"}, 3},
-        {{"Windows XP.mem.tmp", "config.sav"}, 3},
-        {{"Windows XP.mem", "config.sav.backup"}, 1},
-    };
-    for (const auto& [entries, state] : rows) {
-        TestMachine mac;
-        WriteBundle(mac, kHome, {}, entries);
-        const CallResult r = Call(VirtualMachineImpl_Parallels4_GetVMInfo, {{"Name", kHome}});
-        EXPECT_EQ(r.outputs["State"], state) << ::testing::PrintToString(entries);
     }
 }
 
@@ -332,19 +317,17 @@ TEST(Parallels9OperateVM, RunsPrlctlAsConsoleUserAndCodesItsAnswer) {
         Args args;
         int code;
     } rows[] = {
+        // clang-format off
         {"no option", stop, {}, "", {"stop", kUuid}, 0},
         {"empty option", {{"COMMAND", "stop"}, {"OPTION", ""}}, {}, "", {"stop", kUuid}, 0},
-        {"option as one argument",
-         {{"COMMAND", "set"}, {"OPTION", "--cpus 2"}},
-         {},
-         "",
-         {"set", kUuid, "--cpus 2"},
-         0},
+        {"option as one argument", {{"COMMAND", "set"}, {"OPTION", "--cpus 2"}}, {}, "",
+         {"set", kUuid, "--cpus 2"}, 0},
         {"exit status is not looked at", stop, {"", "Failed\n", 255}, "", {"stop", kUuid}, 0},
         {"login refused", stop, {"", login, 1}, "", {"stop", kUuid}, -4},
         {"login text on stdout only", stop, {login, "", 1}, "", {"stop", kUuid}, 0},
         {"prlctl missing", stop, {}, "missing", {}, -2},
         {"prlctl timed out", stop, {}, "ExecuteSafeToText@" + kPrlctl + "=-7", {}, -7},
+        // clang-format on
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -474,18 +457,16 @@ TEST(Parallels9, FailuresBeforeTheRunAreRecordedAndRunNothing) {
         std::string failpoint;         // "fork" makes fork() fail
         int operateCode, startCode;    // 0: not a failure of that method
     } rows[] = {
+        // clang-format off
         {"no Name", {{"COMMAND", "stop"}}, Config{}, "", -3, -3},
         {"config.pvs missing", named, std::nullopt, "", -6, -6},
-        {"bundle instead of config.pvs",
-         {{"Name", kHome}, {"COMMAND", "stop"}},
-         Config{},
-         "",
-         -1,
-         -6},
+        {"bundle instead of config.pvs", {{"Name", kHome}, {"COMMAND", "stop"}}, Config{}, "",
+         -1, -6},
         {"UUID without braces", named, noBraces, "", -6, -6},
         {"no COMMAND", {{"Name", config}}, Config{}, "", -3, 0},
         {"console user unknown", named, Config{}, "GetCurrentLoggedInUserInfo=-2", -1, 0},
         {"fork fails", named, Config{}, "fork", 0, -1},
+        // clang-format on
     };
     for (const auto& row : rows) {
         for (const bool start : {false, true}) {
