@@ -431,18 +431,43 @@ TEST(Parallels9StartVM, RetriesPrlctlAndStartsTheClientAppAsConsoleUser) {
     }
 }
 
-TEST(Parallels9StartVM, LastFailureToRunPrlctlIsReturnedAfterAllAttempts) {
-    for (const auto& [failpoint, code] :
-         {std::pair<std::string, int>{"", -2}, {"ExecuteSafeToText@" + kPrlctl + "=-32", -32}}) {
+// Forty looks for the service (no pause between them), then forty prlctl
+// attempts a pause apart: the last attempt's code is the answer.
+TEST(Parallels9StartVM, BoundedLoopsEndWithTheLastAnswer) {
+    const std::string refused = "Login failed: Unable to connect to Parallels Service\n";
+    const struct {
+        const char* what;
+        std::string failpoint;  // or "missing", "refused", "no service"
+        int code;
+        size_t prlctlRuns, psRuns;  // the client app's child lists processes once
+        int pauses;
+    } rows[] = {
+        {"prlctl missing", "missing", -2, 0, 2, 41},
+        {"prlctl cannot run", "ExecuteSafeToText@" + kPrlctl + "=-32", -32, 0, 2, 41},
+        {"login refused every time", "refused", -4, 40, 2, 41},
+        {"service never listed", "no service", 0, 1, 41, 2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
         Parallels9Mac vm;
-        if (failpoint.empty()) vm.mac.remove(kPrlctl);
-        SetFailpoint(failpoint);
+        implvm_test::FakeTool* ps = &vm.ps;
+        if (row.failpoint == "missing")
+            vm.mac.remove(kPrlctl);
+        else if (row.failpoint == "refused")
+            vm.prlctl.respond("", 255, refused);
+        else if (row.failpoint == "no service")
+            ps = &vm.mac.installTool("/bin/ps").respond(PsListing({"/usr/sbin/cfprefsd agent"}));
+        else
+            SetFailpoint(row.failpoint);
         const StartRun run = Start9({{"Name", vm.config}});
-        EXPECT_EQ(run.call.result, code);
-        EXPECT_EQ(ParallelsCodes(run.call), Codes{code});
-        EXPECT_EQ(run.pauses, 41);
+        KALDO::CFailpoints::Clear();
+        EXPECT_EQ(run.call.result, row.code);
+        EXPECT_EQ(ParallelsCodes(run.call), Recorded(row.code));
+        EXPECT_EQ(run.childStatus, 0);
+        EXPECT_EQ(vm.prlctl.invocations().size(), row.prlctlRuns);
+        EXPECT_EQ(ps->invocations().size(), row.psRuns);
+        EXPECT_EQ(run.pauses, row.pauses);
     }
-    KALDO::CFailpoints::Clear();
 }
 
 TEST(Parallels9, FailuresBeforeTheRunAreRecordedAndRunNothing) {

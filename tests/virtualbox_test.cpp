@@ -255,23 +255,4 @@ TEST(VirtualBox, PowerAnswersMapToCodes) {
     EXPECT_EQ(VBoxErrors(r), (std::vector<int>{-1, -1}));
 }
 
-TEST(VirtualBox, ImplvmCallsThroughAMachineRoot) {
-    VBoxMac m;
-    m.mac.writeFile(kXml, Data("VirtualBox-4.3.xml"));
-    m.tool.respond(Data("showvminfo-4.3-win7.txt"));
-    auto call = [&](const std::string& method, const std::vector<std::string>& inputs) {
-        Args argv = {IMPLVM_BIN,          "--root", m.mac.root(), "call", method,
-                     "--product-version", "4.3.12"};
-        argv.insert(argv.end(), inputs.begin(), inputs.end());
-        const auto p = implvm_test::RunProcess(argv);
-        EXPECT_EQ(p.exitCode, 0) << p.err;
-        return Json::parse(p.out);
-    };
-    const Json vms = call("VirtualMachineImpl_VirtualBox2_EnumerateVMs", {});
-    EXPECT_EQ(vms.at("outputs").at("VMs").at(0), kWin7);
-    const Json info = call("VirtualMachineImpl_VirtualBox2_GetVMInfo", {"--in", "Name=" + kWin7});
-    EXPECT_EQ(info.at("outputs").at("State"), 3);
-    EXPECT_EQ(info.at("errors"), Json::array());
-}
-
 }  // namespace
