@@ -5,7 +5,6 @@
 #include <random>
 
 #include "KALDO/CStringUtils.h"
-#include "KALDO/Failpoints.h"
 #include "KALDO/Result.h"
 
 using KALDO::CStringUtils;
@@ -271,19 +270,6 @@ TEST(ParseEx, OneValuePerSectionAndEveryPairWithout) {
                                                        L"<a>", L"</a>", 0, 1),
               3);
     EXPECT_EQ(list, (Pieces{L"1", L"2", L""}));
-}
-
-TEST(ParseEx, FailpointByBeginMarker) {
-    Pieces list;
-    ASSERT_EQ(KALDO::CFailpoints::Set("ParseSubstringFromStringEx@<NetworkAdapter>=-4"), 0);
-    EXPECT_EQ(
-        CStringUtils::ParseSubstringFromStringEx(L"<x>1</x>", list, L"", L"<x>", L"</x>", 0, 1), 1);
-    EXPECT_EQ(
-        CStringUtils::ParseSubstringFromStringEx(L"<NetworkAdapter>1</NetworkAdapter>", list, L"",
-                                                 L"<NetworkAdapter>", L"</NetworkAdapter>", 0, 1),
-        KALDO::kAccessDenied);
-    EXPECT_EQ(list.size(), 1u);
-    KALDO::CFailpoints::Clear();
 }
 
 TEST(Parse, MarkersFoldAsciiCaseValuesStayAsWritten) {
