@@ -22,11 +22,16 @@ enum ExitStatus : int {
 inline constexpr const char* kExitStatusHelp =
     "Exit status: 0 when the command did its work (every method it called answered 0 or more), "
     "1 when a method answered a negative code, 2 for a usage error (an unknown command, "
-    "option or method, a missing or malformed value, a module that cannot be loaded).";
+    "option, method or VM, a missing or malformed value, an action the VM's hypervisor does "
+    "not offer, a module that cannot be loaded).";
 
 inline int ExitStatusFor(int methodResult) {
     return methodResult >= 0 ? kExitOk : kExitFailed;
 }
+
+// What a method's negative result code means, in a few words ("refused by
+// the system or the hypervisor" for -4).
+const char* CodeMeaning(int code);
 
 // A mistake in how implvm was called: one line on standard error, status 2.
 class UsageError : public std::runtime_error {
@@ -83,5 +88,7 @@ void AddCallCommand(CLI::App& app, Host& host);
 void AddMethodsCommand(CLI::App& app, Host& host);
 // implvm inventory [--json]
 void AddInventoryCommand(CLI::App& app, Host& host);
+// implvm start|stop|suspend|pause|resume VM, implvm snapshot take|delete|list VM [NAME]
+void AddVmCommands(CLI::App& app, Host& host);
 
 }  // namespace implvm

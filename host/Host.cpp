@@ -32,6 +32,29 @@ void Host::applyGlobalOptions() {
                          "' (expected Operation[@path-or-tool]=code;...)");
 }
 
+const char* CodeMeaning(int code) {
+    switch (code) {
+        case -1:
+            return "failed";
+        case -2:
+            return "not found";
+        case -3:
+            return "a required input is missing or invalid";
+        case -4:
+            return "refused by the system or the hypervisor";
+        case -5:
+            return "nothing changed since the last snapshot";
+        case -6:
+            return "the VM, its configuration file or the snapshot cannot be found or opened";
+        case -7:
+            return "a tool ran past its time limit";
+        case -32:
+            return "the VM is locked or busy";
+        default:
+            return code < 0 ? "failed" : "done";
+    }
+}
+
 std::string CommandFooter(const std::string& notes, const std::string& exitStatus) {
     return notes +
            "\n\nThe global options (--root DIR, --module PATH, --fail SPEC) may also follow "

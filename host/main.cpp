@@ -37,13 +37,17 @@ int main(int argc, char** argv) {
                              ->type_name("SPEC");
     app.parse_complete_callback([&host] { host.applyGlobalOptions(); });
 
+    implvm::AddInventoryCommand(app, host);
+    implvm::AddVmCommands(app, host);
     implvm::AddCallCommand(app, host);
     implvm::AddMethodsCommand(app, host);
-    implvm::AddInventoryCommand(app, host);
     for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 
     app.footer(std::string("Every command has --help. Examples:\n"
                            "  implvm inventory\n"
+                           "  implvm start \"Debian 12\"\n"
+                           "  implvm snapshot list \"/Users/robin/Virtual Machines.localized/"
+                           "Windows 7 x64.vmwarevm/Windows 7 x64.vmx\"\n"
                            "  implvm methods\n"
                            "  implvm call VirtualMachineImpl_Common_GetHypervisorType "
                            "--in HYPER_TYPE=2\n"

@@ -1,0 +1,266 @@
+// implvm start|stop|suspend|pause|resume VM and implvm snapshot take|delete|list
+// VM [NAME]: one action on one VM, named as the inventory lists it. The
+// hypervisor and the method are worked out here, so that a user never needs
+// to know which generation of method fits the installed product.
+#include <array>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "Installed.h"
+#include "KALDO/CStringUtils.h"
+
+namespace implvm {
+
+namespace {
+
+struct ActionFacts {
+    VmAction action;
+    const char* command;  // "start"; for snapshots the snapshot sub-command
+    const char* verb;     // "could not <verb>"
+    const char* done;     // what the line says once the method answered 0 or more
+    bool needsSnapshotName;
+    const char* help;
+};
+
+constexpr ActionFacts kPowerActions[] = {
+    {VmAction::kStart, "start", "start", "started", false,
+     "Start a VM (or resume a suspended one)"},
+    {VmAction::kStop, "stop", "stop", "stopped", false, "Stop (power off) a VM"},
+    {VmAction::kSuspend, "suspend", "suspend", "suspended", false,
+     "Suspend a VM: save its state and stop it"},
+    {VmAction::kPause, "pause", "pause", "paused", false, "Pause a running VM"},
+    {VmAction::kResume, "resume", "resume", "resumed", false, "Resume a paused VM"},
+};
+
+constexpr ActionFacts kSnapshotActions[] = {
+    {VmAction::kSnapshotTake, "take", "take snapshot", "took snapshot", true,
+     "Take a snapshot named NAME of a VM"},
+    {VmAction::kSnapshotDelete, "delete", "delete snapshot", "deleted snapshot", true,
+     "Delete the snapshot named NAME of a VM"},
+    {VmAction::kSnapshotList, "list", "list snapshots", "", false, "List the snapshots of a VM"},
+};
+
+struct VmOptions {
+    std::string vm;
+    std::string snapshot;
+};
+
+// One VM of one installed product, as the user named it.
+struct FoundVm {
+    const Product* product = nullptr;
+    std::string identifier;   // as the product's enumeration lists it
+    std::string machineName;  // VirtualBox only: known when the user gave the name
+};
+
+std::wstring Wide(const std::string& text) {
+    return KALDO::CStringUtils::StringToWString(text);
+}
+std::string Narrow(const std::wstring& text) {
+    return KALDO::CStringUtils::WStringToString(text);
+}
+
+KALDO::typeProperty Inputs(const std::vector<std::pair<const wchar_t*, std::string>>& pairs) {
+    KALDO::typeProperty inputs;
+    inputs.changeTypeToMap();
+    for (const auto& [key, value] : pairs) inputs.addMapVal(key, Wide(value));
+    return inputs;
+}
+
+std::string ProductText(const Product& product) {
+    return std::string(product.facts().name) + " " + product.version;
+}
+
+std::vector<std::string> ListedVms(const Module& module, const Product& product) {
+    const CallOutcome listed = module.call(product.methods.enumerate, Inputs({}), product.version);
+    std::vector<std::string> ids;
+    std::vector<KALDO::typeProperty> entries;
+    if (listed.outputs.getMapVal(L"VMs", entries) < 0) return ids;
+    for (const KALDO::typeProperty& entry : entries) {
+        std::wstring id;
+        if (entry.getString(id) >= 0) ids.push_back(Narrow(id));
+    }
+    return ids;
+}
+
+// Describes a listed VM; `name` gets its "UserFriendlyName" ("" when the
+// description fails).
+CallOutcome Describe(const Module& module, const Product& product, const std::string& id,
+                     std::string& name) {
+    CallOutcome info = module.call(product.methods.info, Inputs({{L"Name", id}}), product.version);
+    std::wstring text;
+    name = info.result >= 0 && info.outputs.getMapVal(L"UserFriendlyName", text) >= 0 ? Narrow(text)
+                                                                                      : "";
+    return info;
+}
+
+std::string WithoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// The VM the user means: a listed identifier (a Parallels bundle's
+// configuration file too), else, only for VirtualBox, a machine name.
+// Names are looked up only when no identifier matched, since each needs a
+// description and so a run of the hypervisor's tool.
+FoundVm FindVm(const Module& module, const std::array<Product, 3>& products,
+               const std::string& given) {
+    const std::string wanted = WithoutTrailingSlash(given);
+    std::vector<std::pair<const Product*, std::vector<std::string>>> listed;
+    for (const Product& product : products) {
+        if (!product.served()) continue;
+        listed.emplace_back(&product, ListedVms(module, product));
+        for (const std::string& id : listed.back().second) {
+            const bool isConfigFile =
+                product.hypervisor == Hypervisor::kParallels && ConfigFileOf(id) == wanted;
+            if (WithoutTrailingSlash(id) == wanted || isConfigFile) return {&product, id, ""};
+        }
+    }
+    std::vector<FoundVm> named;
+    for (const auto& [product, ids] : listed) {
+        if (product->hypervisor != Hypervisor::kVirtualBox) continue;
+        for (const std::string& id : ids) {
+            std::string name;
+            Describe(module, *product, id, name);
+            if (name == given) named.push_back({product, id, given});
+        }
+    }
+    if (named.size() == 1) return named.front();
+    if (named.size() > 1)
+        throw UsageError("'" + given + "' names " + std::to_string(named.size()) +
+                         " VirtualBox machines; give the settings file instead (implvm "
+                         "inventory lists it)");
+    throw UsageError("no VM '" + given +
+                     "' on this Mac: give a VM as implvm inventory lists it, or a VirtualBox "
+                     "machine's name");
+}
+
+// The snapshot names of a list answer, each on a line of its own.
+std::vector<std::string> SnapshotNames(const KALDO::typeProperty& outputs) {
+    std::vector<KALDO::typeProperty> entries;
+    outputs.getMapVal(L"Snapshots", entries);
+    std::vector<std::string> names;
+    for (const KALDO::typeProperty& entry : entries) {
+        std::wstring name;
+        entry.getMapVal(L"Snapshot", name);
+        names.push_back(Narrow(name));
+    }
+    return names;
+}
+
+// The commands a product's methods offer, for the error that names one they do not.
+std::string OfferedCommands(const Product& product) {
+    std::string offered;
+    const auto add = [&](const ActionFacts& facts, const char* prefix) {
+        if (!product.methods.action(facts.action)) return;
+        offered += (offered.empty() ? "" : ", ") + std::string(prefix) + facts.command;
+    };
+    for (const ActionFacts& facts : kPowerActions) add(facts, "");
+    for (const ActionFacts& facts : kSnapshotActions) add(facts, "snapshot ");
+    return offered.empty() ? "none" : offered;
+}
+
+void RunAction(const ActionFacts& facts, const VmOptions& options, Host& host) {
+    const Module& module = host.module();
+    const std::array<Product, 3> products = FindProducts(module);
+    const FoundVm vm = FindVm(module, products, options.vm);
+    const Product& product = *vm.product;
+    const ActionMethod& method = product.methods.action(facts.action);
+    if (!method)
+        throw UsageError(ProductText(product) + " cannot " + facts.verb +
+                         ": the module's methods for its VMs offer " + OfferedCommands(product));
+
+    const std::string named = facts.needsSnapshotName ? " \"" + options.snapshot + "\"" : "";
+    // One line on standard error for a method that failed, this one or the
+    // description that had to name the VM first; the status says it too.
+    const auto failed = [&](const char* methodName, const CallOutcome& outcome) {
+        host.setExitStatus(ExitStatusFor(outcome.result));
+        if (outcome.result >= 0) return false;
+        std::cerr << "implvm: " << options.vm << ": could not " << facts.verb << named << ": "
+                  << CodeMeaning(outcome.result) << " (" << ProductText(product) << ", "
+                  << methodName << " answered " << outcome.result << ")\n";
+        return true;
+    };
+
+    std::string argument = vm.identifier;
+    if (method.argument == VmArgument::kConfigFile) argument = ConfigFileOf(vm.identifier);
+    if (method.argument == VmArgument::kMachineName) {
+        argument = vm.machineName;
+        if (argument.empty() &&
+            failed(product.methods.info, Describe(module, product, vm.identifier, argument)))
+            return;
+    }
+    std::vector<std::pair<const wchar_t*, std::string>> pairs = {{L"Name", argument}};
+    if (method.command != nullptr) pairs.emplace_back(L"COMMAND", method.command);
+    if (facts.needsSnapshotName) pairs.emplace_back(L"Snapshot", options.snapshot);
+    const CallOutcome outcome = module.call(method.method, Inputs(pairs), product.version);
+    if (failed(method.method, outcome)) return;
+
+    const std::string how = " (" + ProductText(product) + ", " + method.method + " answered " +
+                            std::to_string(outcome.result) + ")";
+    if (facts.action != VmAction::kSnapshotList) {
+        std::cout << options.vm << ": " << facts.done << named << how << '\n';
+        return;
+    }
+    const std::vector<std::string> names = SnapshotNames(outcome.outputs);
+    std::cout << options.vm << ": " << names.size()
+              << (names.size() == 1 ? " snapshot" : " snapshots") << how << '\n';
+    for (const std::string& name : names) std::cout << "  " << name << '\n';
+}
+
+constexpr const char* kVmHelp =
+    "The VM as implvm inventory lists it (a Parallels .pvm bundle or its config.pvs, a VMware "
+    ".vmx, a VirtualBox settings file) or a VirtualBox machine's name";
+
+constexpr const char* kVmNotes =
+    "implvm finds the VM among the installed hypervisors and calls the method that fits the "
+    "installed version: Parallels Desktop 9 and later (start, stop, suspend, pause, resume "
+    "through prlctl), Parallels Desktop 4 to 8 (start only), VMware Fusion (start, stop, "
+    "suspend; start also resumes a suspended VM), VirtualBox 4 and later (start, stop, pause, "
+    "resume). An action the VM's hypervisor does not offer is a usage error. Prints one line: "
+    "what happened, the product and the method's answer (on standard error when the method "
+    "failed).";
+
+CLI::App* AddVmCommand(CLI::App& parent, const ActionFacts& facts, Host& host,
+                       const std::string& notes) {
+    auto options = std::make_shared<VmOptions>();
+    CLI::App* command = parent.add_subcommand(facts.command, facts.help);
+    command->add_option("VM", options->vm, kVmHelp)->required();
+    if (facts.needsSnapshotName)
+        command->add_option("NAME", options->snapshot, "The snapshot's name")->required();
+    command->fallthrough();
+    command->footer(CommandFooter(notes));
+    command->callback([facts, options, &host] { RunAction(facts, *options, host); });
+    return command;
+}
+
+}  // namespace
+
+void AddVmCommands(CLI::App& app, Host& host) {
+    for (const ActionFacts& facts : kPowerActions) {
+        AddVmCommand(app, facts, host,
+                     std::string(kVmNotes) +
+                         "\n\nExamples:\n  implvm start \"Debian 12\"\n"
+                         "  implvm suspend \"/Users/robin/Virtual "
+                         "Machines.localized/Ubuntu 64-bit.vmwarevm/"
+                         "Ubuntu 64-bit.vmx\"");
+    }
+    CLI::App* snapshot =
+        app.add_subcommand("snapshot", "Take, delete or list the snapshots of a VMware VM");
+    snapshot->require_subcommand(1, 1);
+    snapshot->fallthrough();
+    const std::string notes =
+        "Snapshots are offered for VMware Fusion 4 and later; for any other VM this is a usage "
+        "error. Prints one line (list: one line, then each snapshot's name on a line of its "
+        "own).\n\nExamples:\n"
+        "  implvm snapshot take VM before-update\n"
+        "  implvm snapshot list VM\n"
+        "  implvm snapshot delete VM before-update";
+    snapshot->footer(CommandFooter(notes));
+    for (const ActionFacts& facts : kSnapshotActions)
+        AddVmCommand(*snapshot, facts, host, notes)->group("Commands");
+}
+
+}  // namespace implvm
