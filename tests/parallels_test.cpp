@@ -641,31 +641,4 @@ TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentAndInTheChild) {
     EXPECT_TRUE(vm.prlctl.invocations().empty());
 }
 
-// ---- Through implvm, on the simulated Mac ----
-
-TEST(ParallelsOnDemoMac, InventoryAndControl) {
-    TestMachine mac;
-    mac.copyDemoMac();
-    auto run = [&](const std::string& method, const Args& inputs) {
-        Args argv = {IMPLVM_BIN, "--root", mac.root(), "call", method};
-        for (const std::string& input : inputs) argv.insert(argv.end(), {"--in", input});
-        const implvm_test::ProcessResult p = implvm_test::RunProcess(argv);
-        EXPECT_EQ(p.err, "");
-        return Json::parse(p.out);
-    };
-    const std::string ubuntu = "/Users/robin/Parallels/Ubuntu 22.04.pvm";
-    EXPECT_EQ(run("VirtualMachineImpl_Parallels4_EnumerateVMs", {})["outputs"]["VMs"].back(),
-              ubuntu);
-    const Json info = run("VirtualMachineImpl_Parallels4_GetVMInfo", {"Name=" + ubuntu});
-    EXPECT_EQ(info, Json::parse(R"({"result": 0, "outputs": {
-        "UserFriendlyName": "Ubuntu 22.04", "OS": {"Type": 1, "Distribution": "Linux"},
-        "State": 3}, "errors": []})"));
-    EXPECT_EQ(run("VirtualMachineImpl_Parallels4_StartVM", {"Name=" + ubuntu})["result"], 0);
-    EXPECT_EQ(run("ImplVirtualMachine_Parallels_9_X_OperateVM",
-                  {"Name=" + ubuntu + "/config.pvs", "COMMAND=suspend"})["result"],
-              0);
-    EXPECT_EQ(
-        run("VirtualMachineImpl_Parallels4_GetVMInfo", {"Name=" + ubuntu})["outputs"]["State"], 2);
-}
-
 }  // namespace
