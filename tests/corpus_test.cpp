@@ -97,14 +97,9 @@ std::string ReadBytes(const fs::path& path) {
     return text.str();
 }
 
-bool EndsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
 bool IsReading(const fs::path& file) {
     return std::any_of(std::begin(kReadingSuffixes), std::end(kReadingSuffixes),
-                       [&](const char* s) { return EndsWith(file.filename().string(), s); });
+                       [&](const char* s) { return file.filename().string().ends_with(s); });
 }
 
 std::vector<CorpusCase> ListCorpus() {
