@@ -132,13 +132,20 @@ TEST(ExecuteSafeToText, RepeatedRunsLeaveNoDescriptorsOrChildren) {
 
 TEST(ExecuteSafeToText, AHangingToolIsKilledAtTheLimit) {
     TestMachine mac;
-    mac.installTool("/bin/hang").respond(FakeResponse{"never", "", 0, 0, 30});
-    ::setenv("KALDO_TOOL_TIMEOUT", "0.5", 1);
-    ToolResult r = Execute(L"/bin/hang", {}, false);
-    ::unsetenv("KALDO_TOOL_TIMEOUT");
-    EXPECT_EQ(r.rc, kTimedOut);
-    EXPECT_EQ(r.exitCode, 128 + SIGKILL);
-    EXPECT_FALSE(HasUnreapedChild());
+    // Hanging with its output open, and after closing it (which ends the
+    // reading but not the tool).
+    for (const bool hangUp : {false, true}) {
+        FakeResponse hang{"never", "", 0, 0, 30};
+        hang.hangUp = hangUp;
+        mac.installTool("/bin/hang").respond(hang);
+        ::setenv("KALDO_TOOL_TIMEOUT", "0.5", 1);
+        ToolResult r = Execute(L"/bin/hang", {}, false);
+        ::unsetenv("KALDO_TOOL_TIMEOUT");
+        EXPECT_EQ(r.rc, kTimedOut) << "hang up first: " << hangUp;
+        EXPECT_EQ(r.exitCode, 128 + SIGKILL);
+        EXPECT_THAT(r.diagnostic, testing::HasSubstr(L"killed after"));
+        EXPECT_FALSE(HasUnreapedChild());
+    }
 }
 
 TEST(ProcessListing, LookupByNameInTheListing) {

@@ -8,9 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "KALDO/Result.h"
 #include "platform/Process.h"
@@ -215,6 +217,20 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
     }
     outRead.reset();
     errRead.reset();
+
+    // A tool may close its output and go on running (or hang): the deadline
+    // holds until it has ended. Its end usually follows the pipes' closing
+    // within microseconds, so the looks start close together.
+    for (auto pause = std::chrono::microseconds(50); limited && !reaped && !timedOut;) {
+        if (WaitFor(pid, false, status) == pid) {
+            reaped = true;
+        } else if (Clock::now() >= deadline) {
+            timedOut = true;
+        } else {
+            std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - Clock::now()));
+            pause = std::min(pause * 2, std::chrono::microseconds(20000));
+        }
+    }
 
     if (timedOut && !reaped) {
         ::kill(-pid, SIGKILL);
