@@ -47,7 +47,7 @@ int FirstFact(const char* key, std::string& value) {
 }
 
 int ConsoleUserFromFacts(platform::ConsoleUser& user) {
-    std::string home, uid, gid;
+    std::string uid, gid;
     if (FirstFact("console_home", user.home) < 0 || FirstFact("console_uid", uid) < 0 ||
         ParseInt(uid, user.uid) < 0)
         return kNotFound;
