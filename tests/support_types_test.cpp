@@ -228,7 +228,7 @@ TEST(SoftwareVersion, ParsesLeadingNumbersAndKeepsText) {
 }
 
 class ErrorLog : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { CErrorInfo::clearErrors(); }
     void TearDown() override { CErrorInfo::clearErrors(); }
 };
@@ -265,7 +265,7 @@ TEST_F(ErrorLog, ConcurrentRecordersLoseNothing) {
 }
 
 class Inputs : public ::testing::Test {
-  protected:
+protected:
     void TearDown() override {
         CDbUtils::clearDefaultInputs();
         CFailpoints::Clear();

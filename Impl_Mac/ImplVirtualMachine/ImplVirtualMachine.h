@@ -12,11 +12,11 @@
 #define IMPLVM_EXPORT extern "C" __attribute__((visibility("default")))
 
 // host context 1..3, product version, inputs, outputs -> 0 or a negative code
-using ImplVmMethod = int(int, int, int, const KALDO::CSoftwareVersion*,
-                         const KALDO::typeProperty*, KALDO::typeProperty*);
+using ImplVmMethod = int(int, int, int, const KALDO::CSoftwareVersion*, const KALDO::typeProperty*,
+                         KALDO::typeProperty*);
 
-#define IMPLVM_METHOD(name)                                                            \
-    IMPLVM_EXPORT int name(int, int, int, const KALDO::CSoftwareVersion*,              \
+#define IMPLVM_METHOD(name)                                               \
+    IMPLVM_EXPORT int name(int, int, int, const KALDO::CSoftwareVersion*, \
                            const KALDO::typeProperty*, KALDO::typeProperty*)
 
 // ---- Common ----

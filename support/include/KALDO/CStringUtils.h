@@ -73,8 +73,7 @@ public:
     // Position form for linear scans: searches from `from`; on success
     // returns the value and stores in *valuePos (if not null) the index where
     // the value starts in text. On failure returns "" and stores npos.
-    static std::wstring ExtractStringBetweenEnhance(std::wstring_view text,
-                                                    std::wstring_view begin,
+    static std::wstring ExtractStringBetweenEnhance(std::wstring_view text, std::wstring_view begin,
                                                     std::wstring_view end, size_t from,
                                                     size_t* valuePos);
 
@@ -88,8 +87,8 @@ public:
     // end marker on success and to npos on failure.
     static std::wstring ParseSubstringFromString(const std::wstring& text,
                                                  const std::wstring& section,
-                                                 const std::wstring& begin,
-                                                 const std::wstring& end, size_t* pos);
+                                                 const std::wstring& begin, const std::wstring& end,
+                                                 size_t* pos);
 
     // Collects every value that ParseSubstringFromString would find, scanning
     // forward: with an empty section, every begin...end pair in the text; with
