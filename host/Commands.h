@@ -7,6 +7,8 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ModuleLoader.h"
 
@@ -32,6 +34,9 @@ inline int ExitStatusFor(int methodResult) {
 // What a method's negative result code means, in a few words ("refused by
 // the system or the hypervisor" for -4).
 const char* CodeMeaning(int code);
+
+// A method's inputs: a map of the given keys to text values, in that order.
+KALDO::typeProperty TextInputs(const std::vector<std::pair<const wchar_t*, std::string>>& pairs);
 
 // A mistake in how implvm was called: one line on standard error, status 2.
 class UsageError : public std::runtime_error {

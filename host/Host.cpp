@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "Commands.h"
+#include "KALDO/CStringUtils.h"
 #include "KALDO/Failpoints.h"
 #include "KALDO/MachineRoot.h"
 
@@ -30,6 +31,14 @@ void Host::applyGlobalOptions() {
         KALDO::CFailpoints::Set(options_.failpoints) < 0)
         throw UsageError("--fail: malformed failpoints '" + options_.failpoints +
                          "' (expected Operation[@path-or-tool]=code;...)");
+}
+
+KALDO::typeProperty TextInputs(const std::vector<std::pair<const wchar_t*, std::string>>& pairs) {
+    KALDO::typeProperty inputs;
+    inputs.changeTypeToMap();
+    for (const auto& [key, value] : pairs)
+        inputs.addMapVal(key, KALDO::CStringUtils::StringToWString(value));
+    return inputs;
 }
 
 const char* CodeMeaning(int code) {

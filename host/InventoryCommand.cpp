@@ -43,13 +43,6 @@ private:
     bool shown_ = false;
 };
 
-KALDO::typeProperty NameInput(const std::string& id) {
-    KALDO::typeProperty inputs;
-    inputs.changeTypeToMap();
-    inputs.addMapVal(L"Name", KALDO::CStringUtils::StringToWString(id));
-    return inputs;
-}
-
 // {"method", "result", "outputs", "errors"}: a call as `implvm call` prints
 // it, with the method's name in front.
 Json MethodCall(const Module& module, const char* method, const KALDO::typeProperty& inputs,
@@ -97,7 +90,7 @@ Json HypervisorSection(const Module& module, const Product& product, Progress& p
         if (!id.is_string()) continue;
         progress.show(std::string("implvm inventory: ") + facts.name + ", VM " +
                       std::to_string(vms.size() + 1) + " of " + std::to_string(count));
-        const KALDO::typeProperty inputs = NameInput(id.get<std::string>());
+        const KALDO::typeProperty inputs = TextInputs({{L"Name", id.get<std::string>()}});
         vms.push_back(
             {{"id", id},
              {"info", MethodCall(module, product.methods.info, inputs, product.version)},

@@ -55,18 +55,8 @@ struct FoundVm {
     std::string machineName;  // VirtualBox only: known when the user gave the name
 };
 
-std::wstring Wide(const std::string& text) {
-    return KALDO::CStringUtils::StringToWString(text);
-}
 std::string Narrow(const std::wstring& text) {
     return KALDO::CStringUtils::WStringToString(text);
-}
-
-KALDO::typeProperty Inputs(const std::vector<std::pair<const wchar_t*, std::string>>& pairs) {
-    KALDO::typeProperty inputs;
-    inputs.changeTypeToMap();
-    for (const auto& [key, value] : pairs) inputs.addMapVal(key, Wide(value));
-    return inputs;
 }
 
 std::string ProductText(const Product& product) {
@@ -74,7 +64,8 @@ std::string ProductText(const Product& product) {
 }
 
 std::vector<std::string> ListedVms(const Module& module, const Product& product) {
-    const CallOutcome listed = module.call(product.methods.enumerate, Inputs({}), product.version);
+    const CallOutcome listed =
+        module.call(product.methods.enumerate, TextInputs({}), product.version);
     std::vector<std::string> ids;
     std::vector<KALDO::typeProperty> entries;
     if (listed.outputs.getMapVal(L"VMs", entries) < 0) return ids;
@@ -89,7 +80,8 @@ std::vector<std::string> ListedVms(const Module& module, const Product& product)
 // description fails).
 CallOutcome Describe(const Module& module, const Product& product, const std::string& id,
                      std::string& name) {
-    CallOutcome info = module.call(product.methods.info, Inputs({{L"Name", id}}), product.version);
+    CallOutcome info =
+        module.call(product.methods.info, TextInputs({{L"Name", id}}), product.version);
     std::wstring text;
     name = info.result >= 0 && info.outputs.getMapVal(L"UserFriendlyName", text) >= 0 ? Narrow(text)
                                                                                       : "";
@@ -195,7 +187,7 @@ void RunAction(const ActionFacts& facts, const VmOptions& options, Host& host) {
     std::vector<std::pair<const wchar_t*, std::string>> pairs = {{L"Name", argument}};
     if (method.command != nullptr) pairs.emplace_back(L"COMMAND", method.command);
     if (facts.needsSnapshotName) pairs.emplace_back(L"Snapshot", options.snapshot);
-    const CallOutcome outcome = module.call(method.method, Inputs(pairs), product.version);
+    const CallOutcome outcome = module.call(method.method, TextInputs(pairs), product.version);
     if (failed(method.method, outcome)) return;
 
     const std::string how = " (" + ProductText(product) + ", " + method.method + " answered " +
