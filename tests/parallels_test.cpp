@@ -1,22 +1,19 @@
-// The Parallels Desktop adapter on simulated Macs, through fake tools.
+// The Parallels Desktop adapter on simulated Macs, through fake tools. The
+// bundled simulated Mac's end-to-end tests cover the usual VMs; these cover
+// the rules' edges and the failures.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
-#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ImplVirtualMachine.h"
-#include "KALDO/CErrorInfo.h"
-#include "KALDO/CStringUtils.h"
 #include "KALDO/Failpoints.h"
 #include "TestMachine.h"
 
@@ -28,8 +25,7 @@ using Codes = std::vector<int>;
 using Args = std::vector<std::string>;
 
 // Link seams for the module loaded into this executable: the 9.x start's
-// one-second pauses are counted, not waited out, and fork() can be made to
-// fail.
+// one-second pauses are counted, not waited out, and fork() can fail.
 namespace {
 int g_pauses = 0;
 bool g_failFork = false;
@@ -41,356 +37,168 @@ extern "C" __attribute__((visibility("default"))) unsigned int sleep(unsigned in
 }
 
 extern "C" __attribute__((visibility("default"))) pid_t fork() noexcept {
-    if (g_failFork) {
-        errno = EAGAIN;
-        return -1;
-    }
     static const auto realFork = reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"));
-    return realFork();
+    if (!g_failFork) return realFork();
+    errno = EAGAIN;
+    return -1;
 }
 
 namespace {
 
 const std::string kPrlctl = "/Applications/Parallels Desktop.app/Contents/MacOS/prlctl";
-const std::string kClientApp = "/Applications/Parallels Desktop.app/Contents/MacOS/prl_client_app";
 const std::string kUuid = "5c1e8a0f-3b7d-4e62-9a14-d2f07b6c8e39";
+const std::string kBraced = "{" + kUuid + "}";
+const std::string kHome = "/Users/ann/Documents/Parallels/Windows XP.pvm";
+const std::string kConfig = kHome + "/config.pvs";
+const std::string kXp = "<OsType>8</OsType><OsNumber>2055</OsNumber>";
+const std::string kPs = "  PID   TT  STAT      TIME COMMAND\n  310   ??  Ss     0:03.52 ";
 constexpr int kConsoleUid = 501;
 
-// One <NetworkAdapter>; an unset field leaves its element out.
-struct Adapter {
-    std::optional<std::string> enabled, connected, emulatedType, friendlyName;
-};
-
 // A config.pvs reduced to what the adapter reads.
-struct Config {
-    std::string name = "Windows XP", osType = "8";
-    std::optional<std::string> osNumber = "2055";
-    std::vector<Adapter> adapters;
-    std::string identification = "<Identification>";
-    std::string uuid = "{" + kUuid + "}";
-};
-
-Config Guest(const std::string& name, const std::string& osType, const std::string& osNumber,
-             const std::vector<Adapter>& adapters = {}) {
-    Config c;
-    c.name = name;
-    c.osType = osType;
-    c.osNumber = osNumber;
-    c.adapters = adapters;
-    return c;
+std::string Pvs(const std::string& general = kXp, const std::string& adapters = "",
+                const std::string& identification = "<Identification><VmName>XP</VmName>") {
+    return "<ParallelsVirtualMachine>" + identification + "</Identification><General>" + general +
+           "</General><Hardware>" + adapters + "</Hardware></ParallelsVirtualMachine>\n";
 }
 
-std::string ConfigPvs(const Config& c) {
-    auto element = [](const char* tag, const std::optional<std::string>& value) {
-        return value ? std::string("<") + tag + ">" + *value + "</" + tag + ">\n" : "";
-    };
-    std::string xml = "<ParallelsVirtualMachine>\n" + c.identification + "\n<VmUuid>" + c.uuid +
-                      "</VmUuid>\n<VmName>" + c.name + "</VmName>\n</Identification>\n<General>\n" +
-                      element("OsType", c.osType) + element("OsNumber", c.osNumber) +
-                      "</General>\n<Hardware>\n";
-    for (size_t i = 0; i < c.adapters.size(); ++i) {
-        const Adapter& a = c.adapters[i];
-        xml += "<NetworkAdapter>\n<Index>" + std::to_string(i) + "</Index>\n" +
-               element("Enabled", a.enabled) + element("Connected", a.connected) +
-               element("EmulatedType", a.emulatedType) +
-               element("UserFriendlyName", a.friendlyName) + "</NetworkAdapter>\n";
-    }
-    return xml + "</Hardware>\n</ParallelsVirtualMachine>\n";
+// One <NetworkAdapter> from Enabled, Connected, EmulatedType and
+// UserFriendlyName; "-" or a missing value leaves its element out.
+std::string Nic(const std::vector<std::string>& values) {
+    static const char* const kTags[] = {"Enabled", "Connected", "EmulatedType", "UserFriendlyName"};
+    std::string xml = "<NetworkAdapter>";
+    for (size_t i = 0; i < values.size(); ++i)
+        if (values[i] != "-")
+            xml += std::string("<") + kTags[i] + ">" + values[i] + "</" + kTags[i] + ">";
+    return xml + "</NetworkAdapter>";
 }
 
 // The codes the call recorded, all against the Parallels adapter's file.
-std::vector<int> ParallelsCodes(const implvm_test::CallResult& r) {
-    std::vector<int> codes;
+Codes Recorded(const CallResult& r) {
+    Codes codes;
     for (const auto& e : implvm_test::ErrorsFrom(r.errors, "ImplVirtualMachine_Parallels.cpp"))
         codes.push_back(e.code);
     EXPECT_EQ(codes.size(), r.errors.size()) << "records from another source file";
     return codes;
 }
 
-// A "ps wwax" listing of the given command columns.
-std::string PsListing(const std::vector<std::string>& commands) {
-    std::string text =
-        "  PID   TT  STAT      TIME COMMAND\n    1   ??  Ss     2:01.17 /sbin/launchd\n";
-    for (const std::string& command : commands)
-        text += "  310   ??  Ss     0:03.52 " + command + "\n";
-    return text;
-}
-
-// A console user (uid 501), Parallels' tools, its service running, one VM.
-struct Parallels9Mac {
-    implvm_test::TestMachine mac;
-    implvm_test::FakeTool& ps = mac.installTool("/bin/ps");
-    implvm_test::FakeTool& clientApp = mac.installTool(kClientApp);
-    implvm_test::FakeTool& prlctl = mac.installTool(kPrlctl);
-    std::string config = "/Users/ann/Documents/Parallels/Windows XP.pvm/config.pvs";
-
-    Parallels9Mac() {
-        mac.setConsoleUser("ann", kConsoleUid, "/Users/ann");
-        ps.respond(
-            PsListing({"/Applications/Parallels Desktop.app/Contents/MacOS/prl_disp_service"}));
-        mac.writeFile(config, ConfigPvs({}));
-    }
-};
-
-// Waits for the child the 9.x start leaves behind, so that no child outlives
-// its test's machine root. Its wait status, or -1 when there is none.
-int ReapStartChild() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < deadline) {
-        int status = 0;
-        const pid_t pid = waitpid(-1, &status, WNOHANG);
-        if (pid > 0) return status;
-        if (pid < 0 && errno == ECHILD) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ADD_FAILURE() << "the start's child did not end";
-    return -1;
-}
-
-const std::string kDirectoryList = "/Library/Preferences/Parallels/vmdirectorylist.desktop.xml";
-const std::string kVmFolder = "/Users/ann/Documents/Parallels/";
-const std::string kHome = kVmFolder + "Windows XP.pvm";
-
-std::string DirectoryList(const std::vector<std::string>& homes) {
-    std::string xml = "<VirtualMachinesList>\n";
-    for (const std::string& home : homes)
-        xml += "<VirtualMachine>\n<VmHome>" + home + "</VmHome>\n</VirtualMachine>\n";
-    return xml + "</VirtualMachinesList>\n";
-}
-
-void WriteBundle(TestMachine& mac, const std::string& bundle, const Config& config,
-                 const std::vector<std::string>& entries = {}) {
-    mac.writeFile(bundle + "/config.pvs", ConfigPvs(config));
-    for (const std::string& entry : entries) mac.writeFile(bundle + "/" + entry, "");
-}
-
-Codes Recorded(int code) {
-    return code < 0 ? Codes{code} : Codes{};
-}
-
-void SetFailpoint(const std::string& failpoint) {
-    KALDO::CFailpoints::Clear();
-    if (!failpoint.empty()) {
-        ASSERT_EQ(KALDO::CFailpoints::Set(failpoint), 0) << failpoint;
-    }
-}
-
-// ---- The VM list ----
-
-TEST(ParallelsInventory, ListsRegisteredBundlesThatExistInFileOrder) {
+TEST(ParallelsInventory, CutsAfterTheLastBundleAndRecordsAnUnreadableList) {
     TestMachine mac;
-    const std::string f = kVmFolder;
-    for (const char* bundle : {"Windows XP.pvm", "Ubuntu.pvm", "Plain VM", "Old.pvm.d/Leopard.pvm"})
-        mac.makeDir(f + bundle);
-    mac.writeFile(kDirectoryList, DirectoryList({
-                                      f + "Windows XP.pvm/",         // trailing separator
-                                      f + "Gone.pvm",                // bundle deleted
-                                      f + "Ubuntu.pvm/config.pvs",   // trailing file name
-                                      f + "Old.pvm.d/Leopard.pvm/",  // cut after the last .pvm
-                                      f + "Plain VM",                // no .pvm: kept whole
-                                  }));
-    std::vector<std::wstring> homes = {L"kept"};
-    EXPECT_EQ(VirtualMachineImpl_Parallels4_GetAllVms(homes), 0);
-    EXPECT_EQ(homes.size(), 5u) << "appends to the caller's list";
-    const CallResult r = Call(VirtualMachineImpl_Parallels4_EnumerateVMs);
-    EXPECT_EQ(r.result, 0);
-    EXPECT_EQ(r.outputs["VMs"], Json({f + "Windows XP.pvm", f + "Ubuntu.pvm",
-                                      f + "Old.pvm.d/Leopard.pvm", f + "Plain VM"}));
+    const std::string list = "/Library/Preferences/Parallels/vmdirectorylist.desktop.xml";
+    mac.makeDir("/v/Old.pvm.d/C.pvm");
+    mac.makeDir("/v/Plain VM");
+    // Cut after the last .pvm; a name without one is kept whole.
+    mac.writeFile(list,
+                  "<VirtualMachine><VmHome>/v/Old.pvm.d/C.pvm/</VmHome></VirtualMachine>"
+                  "<VirtualMachine><VmHome>/v/Plain VM</VmHome></VirtualMachine>");
+    CallResult r = Call(VirtualMachineImpl_Parallels4_EnumerateVMs);
+    EXPECT_EQ(r.outputs, Json::parse(R"({"VMs": ["/v/Old.pvm.d/C.pvm", "/v/Plain VM"]})"));
     EXPECT_TRUE(r.errors.empty());
+    // An unreadable list is recorded and shows as no VMs.
+    ASSERT_EQ(KALDO::CFailpoints::Set("ReadFromTextFile@" + list + "=-32"), 0);
+    r = Call(VirtualMachineImpl_Parallels4_EnumerateVMs);
+    EXPECT_EQ(r.result, 0);
+    EXPECT_EQ(r.outputs, Json::parse(R"({"VMs": []})"));
+    EXPECT_EQ(Recorded(r), Codes{-32});
 }
 
-TEST(ParallelsInventory, UnreadableListIsRecordedAndShowsAsNoVms) {
-    const std::string failRead = "ReadFromTextFile@" + kDirectoryList + "=";
-    const struct {
-        std::string failpoint;  // "": the directory list is missing
-        int code;
-    } rows[] = {
-        {"", -1},
-        {failRead + "-32", -32},
-        {failRead + "-8", -1},
-        {"ParseSubstringFromStringEx@<VmHome>=-3", -1},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.failpoint);
-        TestMachine mac;
-        if (!row.failpoint.empty()) {
-            mac.writeFile(kDirectoryList, DirectoryList({kHome}));
-            SetFailpoint(row.failpoint);
-        }
-        std::vector<std::wstring> homes = {L"kept"};
-        EXPECT_EQ(VirtualMachineImpl_Parallels4_GetAllVms(homes), row.code);
-        EXPECT_EQ(homes, std::vector<std::wstring>{L"kept"});
-        KALDO::CErrorInfo::clearErrors();
-        const CallResult r = Call(VirtualMachineImpl_Parallels4_EnumerateVMs);
-        EXPECT_EQ(r.result, 0);
-        EXPECT_EQ(r.outputs, Json::parse(R"({"VMs": []})"));
-        EXPECT_EQ(ParallelsCodes(r), Codes{row.code});
-    }
-}
-
-// ---- The configuration reader ----
-
-TEST(ParallelsReader, DescribesVmsNumberingAdaptersAmongAllOfThem) {
-    const auto none = std::nullopt;
-    Config xp, ubuntu, leopard;
-    xp.adapters = {{"1", "1", "1", none},
-                   {"0", "1", "1", none},  // disabled, but it keeps its number
-                   {"1", "0", "2", "Office LAN"},
-                   {"1", "1", "5", ""},  // an empty friendly name counts as none
-                   {none, none, none, none}};
-    ubuntu =
-        Guest("Ubuntu Server", "9", "2305", {{"0", "1", "2", none}, {"1", none, "0", "Private"}});
-    leopard = Guest("Leopard Server", "7", "1794");
-    const struct {
-        Config config;
+TEST(ParallelsReader, StateAdaptersAndClosedOsTables) {
+    const std::string nics = Nic({"1", "1", "1"}) + Nic({"0", "1", "1"}) +
+                             Nic({"1", "0", "2", "Office LAN"}) + Nic({"1", "-", "5", ""}) +
+                             Nic({});
+    const char* const fourNics =
+        R"([{"Name": "Network Adapter 1", "Type": 1, "IsConnected": 1, "MacAddress": ""},
+            {"Name": "Office LAN", "Type": 2, "IsConnected": 0, "MacAddress": ""},
+            {"Name": "Network Adapter 4", "IsConnected": 1, "MacAddress": ""},
+            {"Name": "Network Adapter 5", "IsConnected": 1, "MacAddress": ""}])";
+    // clang-format off
+    struct {
+        std::string osType, osNumber, adapters;
         std::vector<std::string> entries;
-        const char* info;
-        const char* networks;
-    } vms[] = {
-        // The state: a *.mem entry, a config.sav entry, both; names match exactly.
-        {xp,
-         {"Windows XP.mem", "config.sav.backup", "Windows XP-0.hdd"},
-         R"({"UserFriendlyName": "Windows XP", "OS": {"Type": 3, "Distribution": "Windows XP"},
-             "State": 1})",
-         R"([{"Name": "Network Adapter 1", "Type": 1, "IsConnected": 1, "MacAddress": ""},
-             {"Name": "Office LAN", "Type": 2, "IsConnected": 0, "MacAddress": ""},
-             {"Name": "Network Adapter 4", "IsConnected": 1, "MacAddress": ""},
-             {"Name": "Network Adapter 5", "IsConnected": 1, "MacAddress": ""}])"},
-        {ubuntu,
-         {"x.mem", "config.sav"},
-         R"({"UserFriendlyName": "Ubuntu Server", "OS": {"Type": 1, "Distribution": "Linux"},
-             "State": 2})",
-         R"([{"Name": "Private", "Type": 3, "IsConnected": 1, "MacAddress": ""}])"},
-        {leopard,
-         {"Windows XP.mem.tmp", "config.sav"},
-         R"({"UserFriendlyName": "Leopard Server",
-             "OS": {"Type": 2, "Distribution": "Mac OS X Server 10.5"}, "State": 3})",
-         "[]"},
+        int type, state;
+        const char *distribution, *networks;
+    } const rows[] = {
+        // A disabled adapter keeps its number; an empty friendly name is none.
+        {"8", "2055", nics, {"Windows XP.mem", "config.sav.backup"}, 3, 1, "Windows XP", fourNics},
+        {"7", "1794", "", {"x.mem", "config.sav"}, 2, 2, "Mac OS X Server 10.5", "[]"},
+        {"9", "2059", "", {"Windows XP.mem.tmp", "config.sav"}, 1, 3, "Linux", "[]"},
+        {"10", "2058", "", {}, 0, 3, "Windows Server 2008", "[]"},
+        {" 9", " 2055", "", {}, 0, 3, "Linux", "[]"},  // exact texts only
     };
-    for (const auto& vm : vms) {
-        SCOPED_TRACE(vm.config.name);
-        TestMachine mac;
-        WriteBundle(mac, kHome, vm.config, vm.entries);
-        const CallResult info = Call(VirtualMachineImpl_Parallels4_GetVMInfo, {{"Name", kHome}});
-        EXPECT_EQ(info.result, 0);
-        EXPECT_EQ(info.outputs, Json::parse(vm.info));
-        const CallResult net = Call(VirtualMachineImpl_Parallels4_GetVMNetwork, {{"Name", kHome}});
-        EXPECT_EQ(net.result, 0);
-        EXPECT_EQ(net.outputs, Json({{"Networks", Json::parse(vm.networks)}}));
-        EXPECT_TRUE(info.errors.empty() && net.errors.empty());
-    }
-}
-
-TEST(ParallelsReader, OsCodesComeFromClosedTablesOfExactTexts) {
-    const struct {
-        const char *osType, *osNumber;
-        int type;
-        const char* distribution;
-    } rows[] = {
-        {"8", "2058", 3, "Windows Server 2008"},
-        {"8", "2059", 3, "Linux"},
-        {"7", "1795", 2, "Linux"},
-        {"9", "2057", 1, "Windows Vista"},
-        {"10", "2050", 0, "Windows 95"},
-        {" 9", "2305", 0, "Linux"},
-        {"1", " 2055", 0, "Linux"},
-    };
-    TestMachine mac;
+    // clang-format on
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.osType) + "/" + row.osNumber);
-        WriteBundle(mac, kHome, Guest("Guest", row.osType, row.osNumber));
-        const CallResult r = Call(VirtualMachineImpl_Parallels4_GetVMInfo, {{"Name", kHome}});
-        EXPECT_EQ(r.outputs["OS"], (Json{{"Type", row.type}, {"Distribution", row.distribution}}));
+        SCOPED_TRACE(row.osType + "/" + row.osNumber);
+        TestMachine mac;
+        mac.writeFile(kConfig, Pvs("<OsType>" + row.osType + "</OsType><OsNumber>" + row.osNumber +
+                                       "</OsNumber>",
+                                   row.adapters));
+        for (const std::string& entry : row.entries) mac.writeFile(kHome + "/" + entry, "");
+        const CallResult info = Call(VirtualMachineImpl_Parallels4_GetVMInfo, {{"Name", kHome}});
+        EXPECT_EQ(info.outputs,
+                  (Json{{"UserFriendlyName", "XP"},
+                        {"OS", {{"Type", row.type}, {"Distribution", row.distribution}}},
+                        {"State", row.state}}));
+        const CallResult net = Call(VirtualMachineImpl_Parallels4_GetVMNetwork, {{"Name", kHome}});
+        EXPECT_EQ(net.outputs, Json({{"Networks", Json::parse(row.networks)}}));
+        EXPECT_TRUE(info.result == 0 && net.result == 0 && info.errors.empty() &&
+                    net.errors.empty());
     }
 }
 
 TEST(ParallelsReader, FailuresAreRecordedAndWriteNothing) {
-    Config noName, noOsNumber;
-    noName.name = "";
-    noOsNumber.osNumber = std::nullopt;
-    const std::string config = kHome + "/config.pvs";
-    const struct {
-        const char* what;
-        std::optional<Config> config;  // nullopt: an empty bundle
-        std::string failpoint;
-        Codes codes;  // the reader's record, then the method's
-        bool named = true;
-    } rows[] = {
-        {"no config.pvs", std::nullopt, "", {-1, -1}},
-        {"config.pvs refused", Config{}, "ReadFromTextFile@" + config + "=-4", {-4, -4}},
-        {"empty VmName", noName, "", {-1, -1}},
-        {"no OsNumber", noOsNumber, "", {-1, -1}},
-        {"bundle unlistable", Config{}, "GetDirectoryList@" + kHome + "=-5", {-1, -1}},
-        {"adapters busy", Config{}, "ParseSubstringFromStringEx@<NetworkAdapter>=-32", {-32, -32}},
-        {"no Name input", Config{}, "", {-1}, false},
+    // codes: the reader's record, then the method's.
+    // clang-format off
+    struct { std::string config, failpoint; Codes codes; } const rows[] = {
+        {Pvs(), "ReadFromTextFile@" + kConfig + "=-4", {-4, -4}},
+        {Pvs(kXp, "", "<Identification><VmName></VmName>"), "", {-1, -1}},
+        {Pvs("<OsType>8</OsType>"), "", {-1, -1}},
+        {Pvs(), "GetDirectoryList@" + kHome + "=-5", {-1, -1}},
+        {Pvs(), "ParseSubstringFromStringEx@<NetworkAdapter>=-32", {-32, -32}},
     };
+    // clang-format on
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+        SCOPED_TRACE(row.config + row.failpoint);
         TestMachine mac;
-        mac.makeDir(kHome);
-        if (row.config) WriteBundle(mac, kHome, *row.config);
-        SetFailpoint(row.failpoint);
-        const Json inputs = row.named ? Json{{"Name", kHome}} : Json::object();
+        mac.writeFile(kConfig, row.config);
+        ASSERT_EQ(KALDO::CFailpoints::Set(row.failpoint), 0);
         for (ImplVmMethod* method : {VirtualMachineImpl_Parallels4_GetVMInfo,
                                      VirtualMachineImpl_Parallels4_GetVMNetwork}) {
-            const CallResult r = Call(method, inputs);
+            const CallResult r = Call(method, {{"Name", kHome}});
             EXPECT_EQ(r.result, row.codes.back());
             EXPECT_TRUE(r.outputs.empty()) << r.outputs;
-            EXPECT_EQ(ParallelsCodes(r), row.codes);
+            EXPECT_EQ(Recorded(r), row.codes);
         }
     }
-    KALDO::CFailpoints::Clear();
 }
-
-TEST(ParallelsReader, DescriptionIsEmptiedFirst) {
-    TestMachine mac;
-    const std::wstring home = KALDO::CStringUtils::StringToWString(kHome);
-    KALDO::typeProperty description;
-    description.addMapVal(L"Stale", 1);
-    EXPECT_EQ(VirtualMachineImpl_Parallels4_GetInfoForVm(home, &description), -1);
-    EXPECT_TRUE(description.isEmpty());
-    WriteBundle(mac, kHome, {});
-    description.addMapVal(L"Stale", 1);
-    EXPECT_EQ(VirtualMachineImpl_Parallels4_GetInfoForVm(home, &description), 0);
-    std::vector<std::wstring> keys;
-    description.getMapKeys(keys);
-    EXPECT_EQ(keys, (std::vector<std::wstring>{L"UserFriendlyName", L"OS", L"State", L"Networks"}));
-}
-
-// ---- Starting with "open" ----
 
 TEST(Parallels4StartVM, OpensTheBundleAndJudgesByExitStatus) {
-    const struct {
-        Json inputs;
-        bool installOpen;
-        int exitCode;
-        std::string failpoint;
-        int code;
-    } rows[] = {
-        {{{"Name", kHome}}, true, 0, "", 0},
-        {{{"Name", kHome}}, true, 1, "", -1},
-        {{{"Name", kHome}}, false, 0, "", -1},
-        {{{"Name", kHome}}, true, 0, "ExecuteSafeToText@open=-32", -32},
-        {Json::object(), true, 0, "", -1},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.inputs.dump() + row.failpoint + std::to_string(row.exitCode));
+    for (const int exitCode : {0, 1}) {
         TestMachine mac;
-        implvm_test::FakeTool* open = nullptr;
-        if (row.installOpen) open = &mac.installTool("/usr/bin/open").respond("", row.exitCode);
-        SetFailpoint(row.failpoint);
-        const CallResult r = Call(VirtualMachineImpl_Parallels4_StartVM, row.inputs);
-        EXPECT_EQ(r.result, row.code);
-        EXPECT_TRUE(r.outputs.empty());
-        EXPECT_EQ(ParallelsCodes(r), Recorded(row.code));
-        if (open && row.code == 0) {
-            EXPECT_EQ(open->invocations().at(0).args, Args{kHome});
-        }
+        auto& open = mac.installTool("/usr/bin/open").respond("", exitCode);
+        const CallResult r = Call(VirtualMachineImpl_Parallels4_StartVM, {{"Name", kHome}});
+        EXPECT_EQ(r.result, -exitCode);
+        EXPECT_EQ(Recorded(r), exitCode ? Codes{-1} : Codes{});
+        EXPECT_EQ(open.invocations().at(0).args, Args{kHome});
     }
-    KALDO::CFailpoints::Clear();
 }
 
-// ---- prlctl commands ----
+// A console user, Parallels' tools, its service running, one VM whose
+// config.pvs has <Identification> attributes and this VmUuid ("": none).
+struct Parallels9Mac {
+    TestMachine mac;
+    implvm_test::FakeTool& ps = mac.installTool("/bin/ps");
+    implvm_test::FakeTool& clientApp =
+        mac.installTool("/Applications/Parallels Desktop.app/Contents/MacOS/prl_client_app");
+    implvm_test::FakeTool& prlctl = mac.installTool(kPrlctl);
+
+    explicit Parallels9Mac(const std::string& uuid = kBraced) {
+        mac.setConsoleUser("ann", kConsoleUid, "/Users/ann");
+        ps.respond(kPs + "/Applications/Parallels Desktop.app/Contents/MacOS/prl_disp_service\n");
+        if (!uuid.empty())
+            mac.writeFile(
+                kConfig,
+                Pvs(kXp, "", "<Identification dyn_lists=\"\"><VmUuid>" + uuid + "</VmUuid>"));
+    }
+};
 
 struct Ids {
     uid_t uid = getuid(), euid = geteuid();
@@ -398,125 +206,101 @@ struct Ids {
 };
 
 // As root the tools run as the console user; elsewhere as the test's user.
-int ExpectedToolEuid() {
+int ToolEuid() {
     return geteuid() == 0 ? kConsoleUid : int(geteuid());
+}
+
+// Waits for the child a 9.x start leaves behind, so that none outlives its
+// test's machine root: its wait status, or -1 when there is none.
+int ReapChild() {
+    int status = 0;
+    return waitpid(-1, &status, 0) > 0 ? status : -1;
 }
 
 TEST(Parallels9OperateVM, RunsPrlctlAsConsoleUserAndCodesItsAnswer) {
     const std::string login = "Login failed: Unable to connect to Parallels Service\n";
-    const Json stop = {{"COMMAND", "stop"}};
-    const struct {
-        const char* what;
-        Json inputs;
-        implvm_test::FakeResponse answer;
-        std::string failpoint;  // "missing" removes prlctl
-        Args args;
-        int code;
-    } rows[] = {
-        // clang-format off
-        {"no option", stop, {}, "", {"stop", kUuid}, 0},
-        {"empty option", {{"COMMAND", "stop"}, {"OPTION", ""}}, {}, "", {"stop", kUuid}, 0},
-        {"option as one argument", {{"COMMAND", "set"}, {"OPTION", "--cpus 2"}}, {}, "",
-         {"set", kUuid, "--cpus 2"}, 0},
-        {"exit status is not looked at", stop, {"", "Failed\n", 255}, "", {"stop", kUuid}, 0},
-        {"login refused", stop, {"", login, 1}, "", {"stop", kUuid}, -4},
-        {"login text on stdout only", stop, {login, "", 1}, "", {"stop", kUuid}, 0},
-        {"prlctl missing", stop, {}, "missing", {}, -2},
-        {"prlctl timed out", stop, {}, "ExecuteSafeToText@" + kPrlctl + "=-7", {}, -7},
-        // clang-format on
+    // clang-format off
+    struct { std::string option; implvm_test::FakeResponse answer; int code; } const rows[] = {
+        {"", {"", "Failed\n", 255}, 0},  // the exit status is not looked at
+        {"--cpus 2", {}, 0},
+        {"", {"", login, 1}, -4},
+        {"", {login, "", 1}, 0},
+        {"", {}, -2},  // prlctl missing
     };
+    // clang-format on
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+        SCOPED_TRACE(row.answer.out + row.answer.err + row.option);
         Parallels9Mac vm;
-        Config withAttributes;
-        withAttributes.identification = "<Identification dyn_lists=\"\">";
-        vm.mac.writeFile(vm.config, ConfigPvs(withAttributes));
         vm.prlctl.respond(row.answer);
-        if (row.failpoint == "missing")
-            vm.mac.remove(kPrlctl);
-        else
-            SetFailpoint(row.failpoint);
-        Json inputs = row.inputs;
-        inputs["Name"] = vm.config;
+        if (row.code == -2) vm.mac.remove(kPrlctl);
         const Ids before;
-        const CallResult r = Call(ImplVirtualMachine_Parallels_9_X_OperateVM, inputs);
+        const CallResult r = Call(ImplVirtualMachine_Parallels_9_X_OperateVM,
+                                  {{"Name", kConfig}, {"COMMAND", "set"}, {"OPTION", row.option}});
         EXPECT_EQ(Ids(), before) << "the user ids are restored";
         EXPECT_EQ(r.result, row.code);
-        EXPECT_EQ(ParallelsCodes(r), Recorded(row.code));
+        EXPECT_EQ(Recorded(r), row.code ? Codes{row.code} : Codes{});
         const auto runs = vm.prlctl.invocations();
-        EXPECT_EQ(runs.empty() ? Args{} : runs.at(0).args, row.args);
-        if (!runs.empty()) {
-            EXPECT_EQ(runs[0].euid, ExpectedToolEuid());
-        }
+        ASSERT_EQ(runs.size(), row.code == -2 ? 0u : 1u);
+        if (runs.empty()) continue;
+        EXPECT_EQ(runs[0].args,
+                  (row.option.empty() ? Args{"set", kUuid} : Args{"set", kUuid, "--cpus 2"}));
+        EXPECT_EQ(runs[0].euid, ToolEuid());
     }
-    KALDO::CFailpoints::Clear();
 }
 
-// ---- Starting with the client application and prlctl ----
-
-struct StartRun {
-    CallResult call;
-    int pauses = 0;
-    int childStatus = -1;  // -1: no child
-};
-
-StartRun Start9(const Json& inputs) {
-    StartRun run;
-    g_pauses = 0;
-    run.call = Call(ImplVirtualMachine_Parallels_9_X_StartVM, inputs);
-    run.pauses = g_pauses;
-    run.childStatus = ReapStartChild();
-    return run;
-}
-
-TEST(Parallels9StartVM, RetriesPrlctlAndStartsTheClientAppAsConsoleUser) {
-    const std::string serviceDown = "Login failed: Unable to connect to Parallels Service\n";
+// The start forks a child that starts the client application as the console
+// user; the parent looks for the service (forty times at most, no pause),
+// then tries "prlctl start" up to forty times a pause apart.
+TEST(Parallels9StartVM, RetriesPrlctlAndStartsTheClientAppInAChild) {
+    const std::string down = "Login failed: Unable to connect to Parallels Service\n";
+    const std::string starting = "Starting the VM...\n",
+                      ok = "The VM has been successfully started.\n";
+    const std::string running = "Failed to start the VM: the VM \"XP\" is not stopped\n";
     const std::string refused = "Failed to start the VM: Unable to complete the operation.\n";
-    const std::string starting = "Starting the VM...\n";
-    const std::string started = "The VM has been successfully started.\n";
-    const std::string running = "Failed to start the VM: the VM \"Windows XP\" is not stopped\n";
-    const struct {
-        const char* what;
-        std::vector<implvm_test::FakeResponse> answers;
-        int attempts;
-        bool psFails = false;  // a failed listing counts as the service up
-    } rows[] = {
-        {"started", {{starting + started, "", 0}}, 1},
-        {"already running", {{starting + running, "", 1}}, 1, true},
-        {"started without starting is no success",
-         {{started, serviceDown, 0}, {starting + started, "", 0}},
-         2},
-        {"service comes up on the third attempt",
-         {{"", serviceDown, 255}, {"", serviceDown, 255}, {starting + started, "", 0}},
-         3},
-        {"start refused once", {{"", refused, 255}, {starting + started, "", 0}}, 2},
+    // No answers: prlctl missing; ps "fails", or lists processes without the service.
+    // clang-format off
+    struct { std::vector<implvm_test::FakeResponse> answers; std::string ps; int code, runs, pauses; } const rows[] = {
+        {{{starting + ok, ""}}, "", 0, 1, 2},
+        {{{starting + running, "", 1}}, "fails", 0, 1, 2},  // a failed listing: the service is up
+        {{{ok, down}, {starting + ok, ""}}, "", 0, 2, 3},       // started without starting is no success
+        {{{"", refused, 255}, {starting + ok, ""}}, "", 0, 2, 3},
+        {{{"", down, 255}}, "", -4, 40, 41},
+        {{}, "", -2, 0, 41},
+        {{{starting + ok, ""}}, kPs + "/usr/sbin/cfprefsd agent\n", 0, 1, 2},
     };
+    // clang-format on
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+        SCOPED_TRACE(&row - rows);
         Parallels9Mac vm;
-        implvm_test::FakeTool* ps = &vm.ps;
-        if (row.psFails) ps = &vm.mac.installTool("/bin/ps").respond("", 1, "ps: not permitted\n");
+        if (!row.ps.empty()) vm.ps.reset();
+        if (row.ps == "fails")
+            vm.ps.respond("", 1, "ps: not permitted\n");
+        else if (!row.ps.empty())
+            vm.ps.respond(row.ps);
         for (const auto& answer : row.answers) vm.prlctl.respond(answer);
+        if (row.answers.empty()) vm.mac.remove(kPrlctl);
         // A line in a stdio buffer: a child ending with exit() would write it twice.
         FILE* buffered = fopen(vm.mac.hostPath("/buffer").c_str(), "w");
         ASSERT_NE(buffered, nullptr);
         fputs("host line\n", buffered);
         const Ids before;
-        const StartRun run = Start9({{"Name", vm.config}});
+        g_pauses = 0;
+        const CallResult r = Call(ImplVirtualMachine_Parallels_9_X_StartVM, {{"Name", kConfig}});
+        EXPECT_EQ(g_pauses, row.pauses) << "one after the service wait, one per attempt";
+        EXPECT_EQ(ReapChild(), 0);
         fclose(buffered);
         EXPECT_EQ(vm.mac.readFile("/buffer"), "host line\n");
         EXPECT_EQ(Ids(), before) << "the user ids are restored";
-        EXPECT_EQ(run.call.result, 0);
-        EXPECT_TRUE(run.call.errors.empty());
-        EXPECT_EQ(run.pauses, 1 + row.attempts) << "one after the service wait, one per attempt";
+        EXPECT_EQ(r.result, row.code);
+        EXPECT_EQ(Recorded(r), row.code ? Codes{row.code} : Codes{});
         const auto runs = vm.prlctl.invocations();
-        ASSERT_EQ(runs.size(), size_t(row.attempts));
-        for (const auto& r : runs) {
-            EXPECT_EQ(r.args, (Args{"start", kUuid}));
-            EXPECT_EQ(r.euid, ExpectedToolEuid());
+        EXPECT_EQ(runs.size(), size_t(row.runs));
+        for (const auto& run : runs) {
+            EXPECT_EQ(run.args, (Args{"start", kUuid}));
+            EXPECT_EQ(run.euid, ToolEuid());
         }
-        EXPECT_EQ(run.childStatus, 0);
-        EXPECT_EQ(ps->invocations().size(), 2u) << "the service, then the client app by the child";
+        // The parent's looks for the service, then the child's for the client app.
+        EXPECT_EQ(vm.ps.invocations().size(), row.ps.starts_with(kPs) ? 41u : 2u);
         const auto apps = vm.clientApp.invocations();
         ASSERT_EQ(apps.size(), 1u);
         EXPECT_EQ(apps[0].args, Args{""});
@@ -527,94 +311,41 @@ TEST(Parallels9StartVM, RetriesPrlctlAndStartsTheClientAppAsConsoleUser) {
     }
 }
 
-// Forty looks for the service (no pause between them), then forty prlctl
-// attempts a pause apart: the last attempt's code is the answer.
-TEST(Parallels9StartVM, BoundedLoopsEndWithTheLastAnswer) {
-    const std::string refused = "Login failed: Unable to connect to Parallels Service\n";
-    const struct {
-        const char* what;
-        std::string failpoint;  // or "missing", "refused", "no service"
-        int code;
-        size_t prlctlRuns, psRuns;  // the client app's child lists processes once
-        int pauses;
-    } rows[] = {
-        {"prlctl missing", "missing", -2, 0, 2, 41},
-        {"prlctl cannot run", "ExecuteSafeToText@" + kPrlctl + "=-32", -32, 0, 2, 41},
-        {"login refused every time", "refused", -4, 40, 2, 41},
-        {"service never listed", "no service", 0, 1, 41, 2},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        Parallels9Mac vm;
-        implvm_test::FakeTool* ps = &vm.ps;
-        if (row.failpoint == "missing")
-            vm.mac.remove(kPrlctl);
-        else if (row.failpoint == "refused")
-            vm.prlctl.respond("", 255, refused);
-        else if (row.failpoint == "no service")
-            ps = &vm.mac.installTool("/bin/ps").respond(PsListing({"/usr/sbin/cfprefsd agent"}));
-        else
-            SetFailpoint(row.failpoint);
-        const StartRun run = Start9({{"Name", vm.config}});
-        KALDO::CFailpoints::Clear();
-        EXPECT_EQ(run.call.result, row.code);
-        EXPECT_EQ(ParallelsCodes(run.call), Recorded(row.code));
-        EXPECT_EQ(run.childStatus, 0);
-        EXPECT_EQ(vm.prlctl.invocations().size(), row.prlctlRuns);
-        EXPECT_EQ(ps->invocations().size(), row.psRuns);
-        EXPECT_EQ(run.pauses, row.pauses);
-    }
-}
-
 TEST(Parallels9, FailuresBeforeTheRunAreRecordedAndRunNothing) {
-    const std::string config = kHome + "/config.pvs";
-    const Json named = {{"Name", config}, {"COMMAND", "stop"}};
-    Config noBraces;
-    noBraces.uuid = kUuid;
-    const struct {
-        const char* what;
-        Json inputs;
-        std::optional<Config> config;  // nullopt: no config.pvs
-        std::string failpoint;         // "fork" makes fork() fail
-        int operateCode, startCode;    // 0: not a failure of that method
-    } rows[] = {
-        // clang-format off
-        {"no Name", {{"COMMAND", "stop"}}, Config{}, "", -3, -3},
-        {"config.pvs missing", named, std::nullopt, "", -6, -6},
-        {"bundle instead of config.pvs", {{"Name", kHome}, {"COMMAND", "stop"}}, Config{}, "",
-         -1, -6},
-        {"UUID without braces", named, noBraces, "", -6, -6},
-        {"no COMMAND", {{"Name", config}}, Config{}, "", -3, 0},
-        {"console user unknown", named, Config{}, "GetCurrentLoggedInUserInfo=-2", -1, 0},
-        {"fork fails", named, Config{}, "fork", 0, -1},
-        // clang-format on
+    const Json named = {{"Name", kConfig}, {"COMMAND", "stop"}};
+    // Failpoint "fork" makes fork() fail; a code 0: not a failure of that method.
+    // clang-format off
+    struct { Json inputs; std::string uuid, failpoint; int operateCode, startCode; } const rows[] = {
+        {{{"COMMAND", "stop"}}, kBraced, "", -3, -3},
+        {named, "", "", -6, -6},
+        {{{"Name", kHome}, {"COMMAND", "stop"}}, kBraced, "", -1, -6},  // the bundle, not config.pvs
+        {named, kUuid, "", -6, -6},
+        {{{"Name", kConfig}}, kBraced, "", -3, 0},
+        {named, kBraced, "GetCurrentLoggedInUserInfo=-2", -1, 0},
+        {named, kBraced, "fork", 0, -1},
     };
+    // clang-format on
     for (const auto& row : rows) {
         for (const bool start : {false, true}) {
             const int code = start ? row.startCode : row.operateCode;
             if (code == 0) continue;
-            SCOPED_TRACE(std::string(row.what) + (start ? " (start)" : " (operate)"));
-            Parallels9Mac vm;
-            if (row.config)
-                vm.mac.writeFile(config, ConfigPvs(*row.config));
-            else
-                vm.mac.remove(config);
+            SCOPED_TRACE(row.inputs.dump() + row.uuid + row.failpoint + (start ? " start" : ""));
+            Parallels9Mac vm(row.uuid);
             g_failFork = row.failpoint == "fork";
-            if (!g_failFork) SetFailpoint(row.failpoint);
-            const StartRun run =
-                start ? Start9(row.inputs)
-                      : StartRun{Call(ImplVirtualMachine_Parallels_9_X_OperateVM, row.inputs)};
+            ASSERT_EQ(KALDO::CFailpoints::Set(g_failFork ? "" : row.failpoint), 0);
+            const CallResult r = Call(start ? ImplVirtualMachine_Parallels_9_X_StartVM
+                                            : ImplVirtualMachine_Parallels_9_X_OperateVM,
+                                      row.inputs);
             g_failFork = false;
-            EXPECT_EQ(run.call.result, code);
-            EXPECT_EQ(ParallelsCodes(run.call), Codes{code});
+            EXPECT_EQ(r.result, code);
+            EXPECT_EQ(Recorded(r), Codes{code});
             EXPECT_TRUE(vm.prlctl.invocations().empty());
             // Only a missing Name or a failed fork leave no child behind.
             const bool forked = start && code != -3 && code != -1;
-            EXPECT_EQ(run.childStatus != -1, forked);
+            EXPECT_EQ(ReapChild() != -1, forked);
             EXPECT_EQ(vm.clientApp.invocations().size(), forked ? 1u : 0u);
         }
     }
-    KALDO::CFailpoints::Clear();
 }
 
 TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentAndInTheChild) {
@@ -626,9 +357,9 @@ TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentAndInTheChild) {
     const std::string answers = vm.mac.hostPath("/answers");
     const pid_t isolated = fork();
     if (isolated == 0) {
-        const CallResult r = Call(ImplVirtualMachine_Parallels_9_X_StartVM, {{"Name", vm.config}});
+        const CallResult r = Call(ImplVirtualMachine_Parallels_9_X_StartVM, {{"Name", kConfig}});
         std::string line = std::to_string(r.result);
-        for (int code : ParallelsCodes(r)) line += " " + std::to_string(code);
+        for (int code : Recorded(r)) line += " " + std::to_string(code);
         line += "\n";
         const int fd = open(answers.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
         const bool written = fd >= 0 && write(fd, line.data(), line.size()) == ssize_t(line.size());
@@ -637,8 +368,7 @@ TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentAndInTheChild) {
     }
     ASSERT_EQ(waitpid(isolated, nullptr, 0), isolated);
     EXPECT_EQ(vm.mac.readFile("/answers"), "-4 -4\n-4 -4\n");
-    EXPECT_TRUE(vm.clientApp.invocations().empty());
-    EXPECT_TRUE(vm.prlctl.invocations().empty());
+    EXPECT_TRUE(vm.clientApp.invocations().empty() && vm.prlctl.invocations().empty());
 }
 
 }  // namespace
