@@ -1,161 +1,173 @@
-// The common methods: versions, the hypervisor type, the hardware-profile
-// check, and the frame's code propagation rule.
+// The common methods and the host checks: the hypervisor type, the product
+// version from registered inputs, the frame's code propagation rule, and
+// whether this Mac is itself a VM by its hardware report and by its network
+// interfaces' addresses (with fakes, and as root in a network namespace).
+#include <unistd.h>
+
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include "ImplVirtualMachine.h"
 #include "KALDO/CDbUtils.h"
 #include "KALDO/Failpoints.h"
-#include "MethodFrame.h"
 #include "TestMachine.h"
-#include "TreeJson.h"
 
 using implvm_test::Call;
-using implvm_test::ErrorsFrom;
 using implvm_test::Json;
 using implvm_test::TestMachine;
+using Codes = std::vector<int>;
 
 namespace {
 
-constexpr const char* kCommonFile = "Impl_Mac/ImplVirtualMachine/ImplVirtualMachine_Common.cpp";
-
-std::vector<int> Codes(const std::vector<KALDO::ErrorRecord>& errors) {
-    std::vector<int> codes;
-    for (const auto& e : errors) codes.push_back(e.code);
+Codes CodesFrom(const std::vector<KALDO::ErrorRecord>& errors, const char* fileSuffix) {
+    Codes codes;
+    for (const auto& e : implvm_test::ErrorsFrom(errors, fileSuffix)) codes.push_back(e.code);
     return codes;
 }
 
-TEST(GetModuleVersion, ReplacesTheOutputTreeWithTheVersionString) {
-    TestMachine mac;
-    KALDO::typeProperty outputs;
-    outputs.addMapVal(L"Old", 1);
-    EXPECT_EQ(VirtualMachineImpl_Common_GetModuleVersion(0, 0, 0, nullptr, nullptr, &outputs), 0);
-    EXPECT_EQ(implvm::TreeToJson(outputs), Json("3.6.10676.2"));
-    EXPECT_EQ(VirtualMachineImpl_Common_GetModuleVersion(0, 0, 0, nullptr, nullptr, nullptr), 0);
-    EXPECT_TRUE(KALDO::CErrorInfo::getErrors().empty());
+// Keys in the order each check writes them.
+Json Virtual(const char* vendor) {
+    return {{"VMCompanyName", vendor}, {"IsMachineVirtual", 1}};
 }
+Json Hardware(const char* vendor) {
+    return {{"IsMachineVirtual", 1}, {"VMCompanyName", vendor}};
+}
+const Json kNotVirtual = {{"IsMachineVirtual", 0}};
 
-TEST(GetHypervisorType, ConvertsTheInputOrAnswersMinusThreeUnrecorded) {
+TEST(GetHypervisorType, WithoutATreeAnswersMinusThreeUnrecorded) {
     TestMachine mac;
-    const std::pair<Json, int> rows[] = {
-        {{{"HYPER_TYPE", "2"}}, 2},      {{{"HYPER_TYPE", " 12abc"}}, 12},
-        {{{"HYPER_TYPE", "vmware"}}, 0}, {{{"Other", "2"}}, -3},
-        {{{"HYPER_TYPE", 2}}, -3},  // an integer is not the text asked for
-    };
-    for (const auto& [inputs, value] : rows) {
-        const auto r = Call(VirtualMachineImpl_Common_GetHypervisorType, inputs);
-        EXPECT_EQ(r.result, value < 0 ? value : 0) << inputs;
-        const Json expected = value < 0 ? Json() : Json{{"HypervisorType", value}};
-        EXPECT_EQ(r.outputs, expected);
-        EXPECT_TRUE(r.errors.empty());
-    }
     KALDO::typeProperty tree;
     tree.addMapVal(L"HYPER_TYPE", L"2");
     EXPECT_EQ(VirtualMachineImpl_Common_GetHypervisorType(0, 0, 0, nullptr, nullptr, &tree), -3);
     EXPECT_EQ(VirtualMachineImpl_Common_GetHypervisorType(0, 0, 0, nullptr, &tree, nullptr), -3);
+    EXPECT_TRUE(KALDO::CErrorInfo::getErrors().empty());
 }
 
-class GetProductVersion : public testing::Test {
-protected:
-    void SetUp() override {
-        mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "12.2.1");
-    }
-    void TearDown() override {
-        KALDO::CDbUtils::clearDefaultInputs();
-        KALDO::CFailpoints::Clear();
-    }
+TEST(GetProductVersion, TakesTheBundleIdFromRegisteredInputs) {
     TestMachine mac;
-};
-
-TEST_F(GetProductVersion, ReadsTheBundleVersionFromGivenOrRegisteredInputs) {
-    auto r = Call(VirtualMachineImpl_Common_GetProductVersion, {{"BundleId", "com.vmware.fusion"}});
-    EXPECT_EQ(r.result, 0);
-    EXPECT_EQ(r.outputs.value("ProductVersion", ""), "12.2.1");
-    EXPECT_TRUE(r.errors.empty());
+    mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "12.2.1");
     KALDO::typeProperty defaults;
     defaults.addMapVal(L"BundleId", L"com.vmware.fusion");
     ASSERT_EQ(KALDO::CDbUtils::registerDefaultInputs(0, 0, 0, defaults), 0);
-    r = Call(VirtualMachineImpl_Common_GetProductVersion);
+    const auto r = Call(VirtualMachineImpl_Common_GetProductVersion);
+    KALDO::CDbUtils::clearDefaultInputs();
+    EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.outputs.value("ProductVersion", ""), "12.2.1");
 }
 
-TEST_F(GetProductVersion, FailuresAreRecorded) {
-    const struct {
-        Json inputs;
-        std::string failpoint;
-        int code;
-    } rows[] = {
-        {{{"BundleId", "org.virtualbox.app.VirtualBox"}}, "", KALDO::kNotFound},
-        {Json::object(), "", KALDO::kInvalidArgument},
-        // Merging the inputs is -1 whatever its code.
-        {{{"BundleId", "com.vmware.fusion"}}, "getInputsForMethod=-4", -1},
-    };
-    for (const auto& row : rows) {
-        if (!row.failpoint.empty()) {
-            ASSERT_EQ(KALDO::CFailpoints::Set(row.failpoint), 0);
-        }
-        const auto r = Call(VirtualMachineImpl_Common_GetProductVersion, row.inputs);
-        EXPECT_EQ(r.result, row.code) << row.inputs.dump();
-        EXPECT_TRUE(r.outputs.is_null());
-        EXPECT_EQ(Codes(ErrorsFrom(r.errors, kCommonFile)), std::vector<int>{row.code});
-        EXPECT_EQ(r.errors.size(), 1u);
-    }
-}
-
 TEST(PropagationRule, KeepsRefusedAndLockedFoldsTheRest) {
-    static_assert(ImplVm::Propagate(-4) == -4 && ImplVm::Propagate(-32) == -32);
     for (const auto& [callee, reported] : {std::pair{-4, -4}, {-32, -32}, {-2, -1}, {-7, -1}}) {
         TestMachine mac;
         ASSERT_EQ(KALDO::CFailpoints::Set("GetNetworkDevices=" + std::to_string(callee)), 0);
         std::wstring vendor = L"Unknown";
         EXPECT_EQ(macAddressCheck(vendor), reported);
         EXPECT_EQ(vendor, L"Unknown");
-        EXPECT_EQ(Codes(ErrorsFrom(KALDO::CErrorInfo::getErrors(), "ImplVm_Common.cpp")),
-                  std::vector<int>{reported});
+        EXPECT_EQ(CodesFrom(KALDO::CErrorInfo::getErrors(), "ImplVm_Common.cpp"), Codes{reported});
     }
 }
 
-TEST(IsMachineVirtual, DecidesFromTheMarkersInTheHardwareReport) {
-    const Json notVirtual = {{"IsMachineVirtual", 0}};
-    const Json vmware = {{"IsMachineVirtual", 1}, {"VMCompanyName", "VMware, Inc."}};
-    const Json oracle = {{"IsMachineVirtual", 1}, {"VMCompanyName", "Oracle Corporation"}};
-    const struct {
-        std::string report;
-        int exitCode;
-        Json outputs;
-    } rows[] = {
-        {"Hardware:\n  Model Identifier: VMware7,1\n", 1, vmware},  // exit status ignored
-        {"SATA:\n  VBOX HARDDISK:\nModel Name: VMware Virtual Platform\n", 0, vmware},
-        {"Serial-ATA:\n  Model: VBOX HARDDISK\n", 0, oracle},
-        {"Disk: vmware virtual disk\nvbox harddisk\n", 0, notVirtual},
-        {"Hardware:\n  Model Identifier: MacBookPro18,3\n", 0, notVirtual},
+TEST(IsMachineVirtual, DecidesFromCaseSensitiveMarkersVmwareFirst) {
+    // A null report: no system_profiler.
+    // clang-format off
+    struct { const char* report; int exitCode; Json outputs; } const rows[] = {
+        {"Model Identifier: VMware7,1\n", 1, Hardware("VMware, Inc.")},  // the exit status is ignored
+        {"VBOX HARDDISK:\nModel Name: VMware Virtual Platform\n", 0, Hardware("VMware, Inc.")},
+        {"Model: VBOX HARDDISK\n", 0, Hardware("Oracle Corporation")},
+        {"Disk: vmware virtual disk\nvbox harddisk\n", 0, kNotVirtual},
+        {nullptr, 0, nullptr},
     };
+    // clang-format on
     for (const auto& row : rows) {
         TestMachine mac;
-        auto& profiler = mac.installTool("/usr/sbin/system_profiler");
-        profiler.respond(row.report, row.exitCode);
+        implvm_test::FakeTool* profiler = nullptr;
+        if (row.report)
+            profiler =
+                &mac.installTool("/usr/sbin/system_profiler").respond(row.report, row.exitCode);
         const auto r = Call(VirtualMachineImpl_Common_IsMachineVirtual);
-        EXPECT_EQ(r.result, 0);
-        EXPECT_EQ(r.outputs, row.outputs) << row.report;
-        EXPECT_TRUE(r.errors.empty());
-        EXPECT_EQ(profiler.invocations().at(0).args,
+        EXPECT_EQ(r.outputs, row.outputs) << (row.report ? row.report : "no tool");
+        EXPECT_EQ(r.result, profiler ? 0 : -1);
+        EXPECT_EQ(CodesFrom(r.errors, "ImplVirtualMachine_Common.cpp"),
+                  profiler ? Codes{} : Codes{-1});
+        if (!profiler) continue;
+        EXPECT_EQ(profiler->invocations().at(0).args,
                   (std::vector<std::string>{"SPHardwareDataType", "SPParallelATADataType",
                                             "SPSerialATADataType", "SPHardwareRAIDDataType",
                                             "SPParallelSCSIDataType", "SPStorageDataType"}));
     }
 }
 
-TEST(IsMachineVirtual, ToolThatCannotRunIsARecordedMinusOneWhateverTheCause) {
-    for (const char* failpoint : {"", "ExecuteSafeToText@system_profiler=-4"}) {
+TEST(MacAddressVendor, FirstVendorPrefixInTableOrderAnywhereInAnAddress) {
+    const Json cannotTell = {{"VMCompanyName", "Unknown"}, {"IsMachineVirtual", 2}};
+    // An address "-": unreadable.
+    // clang-format off
+    struct { std::vector<std::pair<std::string, std::string>> nics; Json outputs; Codes recorded; } const rows[] = {
+        {{{"en0", "AA:00:16:3E:BB:CC"}}, Virtual("Xensource, Inc."), {}},
+        {{{"en0", "00:0c:29:ab:cd:ef"}}, kNotVirtual, {-1}},  // lower case does not match
+        {{{"en0", "08:00:27:00:0C:29"}}, Virtual("VMware, Inc."), {}},
+        {{{"en0", "3C:22:FB:01:02:03"}, {"en1", "08:00:27:01:02:03"}, {"en2", "00:0C:29:01:02:03"}},
+         Virtual("Oracle Corporation"), {}},
+        {{{"en0", "-"}, {"en1", "3C:22:FB:01:02:03"}}, cannotTell, {-6}},
+        {{{"en0", "-"}, {"en1", "00:16:3E:01:02:03"}}, Virtual("Xensource, Inc."), {}},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
         TestMachine mac;
-        if (*failpoint) {
-            mac.installTool("/usr/sbin/system_profiler").respond("VMware");
-            ASSERT_EQ(KALDO::CFailpoints::Set(failpoint), 0);
-        }
-        const auto r = Call(VirtualMachineImpl_Common_IsMachineVirtual);
-        EXPECT_EQ(r.result, -1) << failpoint;
-        EXPECT_TRUE(r.outputs.is_null());
-        EXPECT_EQ(Codes(ErrorsFrom(r.errors, kCommonFile)), std::vector<int>{-1});
+        for (const auto& [name, address] : row.nics) mac.addNic(name, address);
+        const auto r = Call(ImplVm_Common_IsMachineVirtual);
+        EXPECT_EQ(r.result, 0) << "the method always answers 0";
+        EXPECT_EQ(r.outputs, row.outputs) << row.nics.back().second;
+        EXPECT_EQ(CodesFrom(r.errors, "ImplVm_Common.cpp"), row.recorded);
+        EXPECT_EQ(r.errors.size(), row.recorded.size());
     }
+}
+
+// The real network stack: implvm without a machine root in a network
+// namespace of its own, with a VirtualBox address and then none.
+TEST(MacAddressVendorRealStack, VendorAddressInANetworkNamespace) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to create a network namespace";
+    std::string ip;
+    for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"})
+        if (ip.empty() && ::access(path, X_OK) == 0) ip = path;
+    if (ip.empty()) GTEST_SKIP() << "no ip tool (iproute2) on this machine";
+    const std::string ns = "implvm-test-" + std::to_string(::getpid());
+    std::string why;
+    auto run = [&](const std::vector<std::string>& argv) {
+        const auto r = implvm_test::RunProcess(argv);
+        why = r.err;
+        return r.exitCode == 0;
+    };
+    if (!run({ip, "netns", "add", ns})) GTEST_SKIP() << "cannot create a namespace: " << why;
+    struct Removal {
+        std::function<void()> undo;
+        ~Removal() { undo(); }
+    } removal{[&] { run({ip, "netns", "delete", ns}); }};
+    auto link = [&](std::vector<std::string> tail) {
+        tail.insert(tail.begin(), {ip, "-n", ns, "link"});
+        return run(tail);
+    };
+    // Dummies where the kernel has them, else a veth pair.
+    const bool made =
+        (link({"add", "vm0", "type", "dummy"}) && link({"add", "vm1", "type", "dummy"})) ||
+        link({"add", "vm0", "type", "veth", "peer", "name", "vm1"});
+    if (!made || !link({"set", "vm0", "address", "02:11:22:33:44:55"}) ||
+        !link({"set", "vm1", "address", "08:00:27:AA:BB:CC"}))
+        GTEST_SKIP() << "cannot create interfaces in the namespace: " << why;
+    const std::vector<std::string> implvm = {
+        ip,           "netns",        "exec",
+        ns,           "/usr/bin/env", "-u",
+        "KALDO_ROOT", "-u",           "KALDO_FAILPOINTS",
+        IMPLVM_BIN,   "call",         "ImplVm_Common_IsMachineVirtual"};
+    auto r = implvm_test::RunProcess(implvm);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(Json::parse(r.out), (Json{{"result", 0},
+                                        {"outputs", Virtual("Oracle Corporation")},
+                                        {"errors", Json::array()}}));
+    EXPECT_TRUE(link({"set", "vm1", "address", "02:11:22:33:44:66"})) << why;
+    const Json doc = Json::parse(implvm_test::RunProcess(implvm).out);
+    EXPECT_EQ(doc["outputs"], kNotVirtual);
+    EXPECT_EQ(doc["errors"].size(), 1u);
+    EXPECT_EQ(doc["errors"][0]["code"], -1);
 }
 
 }  // namespace
