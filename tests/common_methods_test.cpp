@@ -68,10 +68,10 @@ TEST(PropagationRule, KeepsRefusedAndLockedFoldsTheRest) {
 }
 
 TEST(IsMachineVirtual, DecidesFromCaseSensitiveMarkersVmwareFirst) {
-    // A null report: no system_profiler.
+    // A null report: no system_profiler. The exit status is ignored.
     // clang-format off
     struct { const char* report; int exitCode; Json outputs; } const rows[] = {
-        {"Model Identifier: VMware7,1\n", 1, Hardware("VMware, Inc.")},  // the exit status is ignored
+        {"Model Identifier: VMware7,1\n", 1, Hardware("VMware, Inc.")},
         {"VBOX HARDDISK:\nModel Name: VMware Virtual Platform\n", 0, Hardware("VMware, Inc.")},
         {"Model: VBOX HARDDISK\n", 0, Hardware("Oracle Corporation")},
         {"Disk: vmware virtual disk\nvbox harddisk\n", 0, kNotVirtual},
@@ -99,9 +99,9 @@ TEST(IsMachineVirtual, DecidesFromCaseSensitiveMarkersVmwareFirst) {
 
 TEST(MacAddressVendor, FirstVendorPrefixInTableOrderAnywhereInAnAddress) {
     const Json cannotTell = {{"VMCompanyName", "Unknown"}, {"IsMachineVirtual", 2}};
-    // An address "-": unreadable.
+    using Nics = std::vector<std::pair<std::string, std::string>>;  // an address "-": unreadable
     // clang-format off
-    struct { std::vector<std::pair<std::string, std::string>> nics; Json outputs; Codes recorded; } const rows[] = {
+    struct { Nics nics; Json outputs; Codes recorded; } const rows[] = {
         {{{"en0", "AA:00:16:3E:BB:CC"}}, Virtual("Xensource, Inc."), {}},
         {{{"en0", "00:0c:29:ab:cd:ef"}}, kNotVirtual, {-1}},  // lower case does not match
         {{{"en0", "08:00:27:00:0C:29"}}, Virtual("VMware, Inc."), {}},

@@ -253,16 +253,23 @@ TEST(Parallels9OperateVM, RunsPrlctlAsConsoleUserAndCodesItsAnswer) {
 // then tries "prlctl start" up to forty times a pause apart.
 TEST(Parallels9StartVM, RetriesPrlctlAndStartsTheClientAppInAChild) {
     const std::string down = "Login failed: Unable to connect to Parallels Service\n";
-    const std::string starting = "Starting the VM...\n",
-                      ok = "The VM has been successfully started.\n";
+    const std::string starting = "Starting the VM...\n";
+    const std::string ok = "The VM has been successfully started.\n";
     const std::string running = "Failed to start the VM: the VM \"XP\" is not stopped\n";
     const std::string refused = "Failed to start the VM: Unable to complete the operation.\n";
-    // No answers: prlctl missing; ps "fails", or lists processes without the service.
+    // Rows: started; already running, a failed listing counting as the service up;
+    // "started" without "Starting" is no success; a refused start is tried again;
+    // the last of forty attempts counts; prlctl missing (no answers); forty looks
+    // for the service in vain.
     // clang-format off
-    struct { std::vector<implvm_test::FakeResponse> answers; std::string ps; int code, runs, pauses; } const rows[] = {
+    struct {
+        std::vector<implvm_test::FakeResponse> answers;
+        std::string ps;  // "fails", or a listing
+        int code, runs, pauses;
+    } const rows[] = {
         {{{starting + ok, ""}}, "", 0, 1, 2},
-        {{{starting + running, "", 1}}, "fails", 0, 1, 2},  // a failed listing: the service is up
-        {{{ok, down}, {starting + ok, ""}}, "", 0, 2, 3},       // started without starting is no success
+        {{{starting + running, "", 1}}, "fails", 0, 1, 2},
+        {{{ok, down}, {starting + ok, ""}}, "", 0, 2, 3},
         {{{"", refused, 255}, {starting + ok, ""}}, "", 0, 2, 3},
         {{{"", down, 255}}, "", -4, 40, 41},
         {{}, "", -2, 0, 41},
@@ -315,10 +322,14 @@ TEST(Parallels9, FailuresBeforeTheRunAreRecordedAndRunNothing) {
     const Json named = {{"Name", kConfig}, {"COMMAND", "stop"}};
     // Failpoint "fork" makes fork() fail; a code 0: not a failure of that method.
     // clang-format off
-    struct { Json inputs; std::string uuid, failpoint; int operateCode, startCode; } const rows[] = {
+    struct {
+        Json inputs;
+        std::string uuid, failpoint;
+        int operateCode, startCode;
+    } const rows[] = {
         {{{"COMMAND", "stop"}}, kBraced, "", -3, -3},
         {named, "", "", -6, -6},
-        {{{"Name", kHome}, {"COMMAND", "stop"}}, kBraced, "", -1, -6},  // the bundle, not config.pvs
+        {{{"Name", kHome}, {"COMMAND", "stop"}}, kBraced, "", -1, -6},  // the bundle
         {named, kUuid, "", -6, -6},
         {{{"Name", kConfig}}, kBraced, "", -3, 0},
         {named, kBraced, "GetCurrentLoggedInUserInfo=-2", -1, 0},

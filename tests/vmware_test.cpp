@@ -124,8 +124,11 @@ TEST_F(VmWare, StateByFusionVersionAndReaderFailures) {
     const std::string vmx = Vmx("ubuntu"),
                       readLog = "ReadFromTextFile@" + kBundle + "/vmware.log=-32";
     // clang-format off
-    struct { std::string version, name, vmx, ps, log, files, failpoint; int expect; } const cases[] = {
-        // expect > 0: the state. 5 and later: vmState, else the process table and the log beside the .vmx.
+    struct {
+        std::string version, name, vmx, ps, log, files, failpoint;
+        int expect;  // > 0: the state; else the code of both methods, which write nothing
+    } const cases[] = {
+        // 5 and later: vmState, else the process table and the log beside the .vmx.
         {"5.0.3", kVmx, Vmx("ubuntu", "vmState = \"off\"\n"), ps, on, "", "", 3},
         {"5.0.3", kVmx, vmx, "  PID COMMAND\n 5 vmware-vmx /v/U.vmx\n", on, "", "", 3},
         {"5.0.3", kVmx, vmx, ps, on + off, "", "", 1},
@@ -137,11 +140,11 @@ TEST_F(VmWare, StateByFusionVersionAndReaderFailures) {
         {"3.1.2", kVmx, vmx, "", "", "Win.vmem Win.vmem.lck/x", "", 1},
         {"", kBundle, vmx, "", "", "Win.vmem", "", 2},
         {"", kBundle + "/Gone.vmx", "", "", "", "A.vmx", "", 3},  // the folder's only .vmx
-        // Else the code of both methods, which write nothing.
+        // Failures.
         {"", kBundle + "/Gone.vmx", "", "", "", "A.vmx B.vmx", "", -1},  // which one cannot be told
         {"", kBundle, "", "", "", "", "", -1},
         {"5.0", kVmx, vmx, "", on, "", "", -1},  // empty process listing
-        {"5.0", kVmx, vmx, ps, "", "", "", -1},
+        {"5.0", kVmx, vmx, ps, "", "", "", -1},  // no vmware.log
         {"5.0", kVmx, vmx, ps, on, "", readLog, -32},
         {"4.0", kVmx, vmx, ps, on, "", "", -1},  // 4 looks inside the identifier
         {"3.0", kVmx, vmx, "", "", "", "GetDirectoryList=-4", -4},
@@ -233,7 +236,13 @@ TEST_F(VmWare, StopAndSuspendByState) {
     const auto suspend = VirtualMachineImpl_VmWareFusion1_SuspendVM;
     // Fusion 3: the memory and lock files give the state.
     // clang-format off
-    struct { ImplVmMethod* method; std::string files; std::vector<std::string> answers; Runs runs; int code; } const cases[] = {
+    struct {
+        ImplVmMethod* method;
+        std::string files;
+        std::vector<std::string> answers;
+        Runs runs;
+        int code;
+    } const cases[] = {
         {stop, "", {""}, {}, 0},
         {stop, "Win.vmem.lck/x Win.vmem", {""}, {{"stop", kVmx}}, 0},
         {stop, "Win.vmem", {""}, {{"start", kVmx}, {"stop", kVmx}}, 0},
