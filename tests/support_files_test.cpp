@@ -158,21 +158,6 @@ TEST(Failpoints, SyntaxAndForms) {
     EXPECT_FALSE(CFailpoints::Check("Any", code));
 }
 
-// A failpoint names the path as the caller wrote it, not as the root maps it.
-TEST_F(FilesTest, OperationsHonourTheirFailpoints) {
-    mac.writeFile("/vm/a.vmx", "text");
-    ASSERT_EQ(CFailpoints::Set("ReadFromTextFile@/vm/a.vmx=-32;IsFilePresent@/vm=-4;"
-                               "POSIX_ListFilesInDirectory@/vm=-6"),
-              0);
-    EXPECT_EQ(read(L"/vm/a.vmx", kBusy), L"before");
-    EXPECT_EQ(read(L"/vm/../vm/a.vmx"), L"text");
-    EXPECT_EQ(CFileUtils::IsFilePresent(L"/vm"), kAccessDenied);
-    std::wstring path = L"/vm";
-    typeProperty list;
-    EXPECT_EQ(CFileUtils::POSIX_ListFilesInDirectory(path, list, false, 0, 0, 0), -6);
-    EXPECT_TRUE(list.isEmpty());
-}
-
 TEST(Concurrency, RootAndFailpointsChangeUnderReaders) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> readers;
