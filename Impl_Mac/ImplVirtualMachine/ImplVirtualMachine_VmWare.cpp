@@ -52,15 +52,15 @@ void ScanInventory(const std::wstring& text, std::vector<std::wstring>& vmxPaths
     size_t from = 0;
     for (;;) {
         size_t valuePos = npos;
-        const std::wstring value = CStringUtils::ExtractStringBetweenEnhance(
+        std::wstring value = CStringUtils::ExtractStringBetweenEnhance(
             text, kConfigBegin, kConfigEnd, from, &valuePos);
         if (valuePos == npos) return;
         if (value.empty()) {
             from = valuePos + kConfigEnd.size();
             continue;
         }
-        vmxPaths.push_back(value);
         from = text.find(value, from) + value.size();
+        vmxPaths.push_back(std::move(value));
     }
 }
 

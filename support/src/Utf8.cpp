@@ -1,12 +1,23 @@
 #include "Utf8.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <string_view>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+// GCC 12's AVX-512 header starts some intrinsics from a deliberately
+// undefined value, which its own uninitialised-use warning then flags.
+#if !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
+#if !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #define KALDO_UTF8_AVX2 1
 #else
 #define KALDO_UTF8_AVX2 0
@@ -382,65 +393,225 @@ __attribute__((target("avx2,popcnt"))) inline void EmitWindow(const Bytes32* spl
     Emit8(_mm256_permute2x128_si256(q2, q3, 0x31), ends >> 24, out, o);
 }
 
-__attribute__((target("avx2,popcnt"))) size_t DecodeAvx2(const unsigned char* in, size_t size,
-                                                         wchar_t* out, bool final,
-                                                         size_t& consumed) {
+// Where a run of windows stopped. The run starts at p (after the careful
+// path brought the text to a character start) and leaves p where it stopped.
+struct WindowRun {
+    size_t p;
+    size_t o;              // output position
+    size_t next;           // the start of the character after the last one emitted
+    bool faulty = false;   // stopped at a window that is not well formed...
+    size_t faultyEnd = 0;  // ...which ends here
+};
+
+__attribute__((target("avx2,popcnt"))) void RunWindowsAvx2(const unsigned char* in, size_t size,
+                                                           wchar_t* out, WindowRun& run) {
+    const Bytes32* splats = kBytes;
+    __asm__("" : "+r"(splats));
+    size_t p = run.p;
+    size_t o = run.o;
+    // Where the last character written ends: the last bit of the ends of the
+    // last window that had one (found only when the windows stop).
+    uint32_t lastEnds = 0;
+    size_t lastWindow = 0;
+    // A window reads [p - 4, p + 32) and writes at most 32 characters at o,
+    // and o < p: both stay within the `size` the caller gave.
+    for (; p + 32 <= size; p += 32) {
+        const __m256i current = Load32(in + p);
+        const __m256i prev1 = Load32(in + p - 1);
+        const uint32_t continuations = static_cast<uint32_t>(
+            _mm256_movemask_epi8(_mm256_cmpgt_epi8(Splat(splats, kC0), current)));
+        const uint32_t ends = ~continuations;
+        if ((static_cast<uint32_t>(_mm256_movemask_epi8(prev1)) | continuations) == 0) {
+            Widen32(in + p - 1, out + o);  // ASCII: every position ends a character
+            o += 32;
+        } else {
+            const __m256i faults =
+                Faults(splats, current, prev1, Load32(in + p - 2), Load32(in + p - 3));
+            if (!_mm256_testz_si256(faults, faults)) {
+                run.faulty = true;
+                run.faultyEnd = p + 32;
+                break;
+            }
+            EmitWindow(splats, in, p, ends, out, o);
+        }
+        if (ends != 0) {
+            lastEnds = ends;
+            lastWindow = p;
+        }
+    }
+    if (lastEnds != 0) run.next = lastWindow + static_cast<size_t>(31 - __builtin_clz(lastEnds));
+    run.p = p;
+    run.o = o;
+}
+
+// The same windows 64 bytes wide, where the processor has AVX-512 (BW):
+// half the steps, and the mask registers and the compress instruction take
+// the place of the move masks and the shuffle table.
+#define KALDO_AVX512 __attribute__((target("avx512f,avx512bw,popcnt")))
+
+KALDO_AVX512 inline __m512i Load64(const unsigned char* at) {
+    return _mm512_loadu_si512(at);
+}
+
+KALDO_AVX512 inline __m512i Bytes(uint8_t value) {
+    return _mm512_set1_epi8(static_cast<char>(value));
+}
+
+KALDO_AVX512 inline __m512i Table64(const uint8_t (&table)[16]) {
+    return _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i*>(table)));
+}
+
+KALDO_AVX512 inline __m512i HighNibbles64(__m512i bytes) {
+    return _mm512_and_si512(_mm512_srli_epi16(bytes, 4), Bytes(0x0F));
+}
+
+// As Faults, for 64 bytes.
+KALDO_AVX512 inline __m512i Faults64(__m512i current, __m512i prev1, __m512i prev2, __m512i prev3) {
+    const __m512i pairs = _mm512_and_si512(
+        _mm512_and_si512(
+            _mm512_shuffle_epi8(Table64(kPrevHigh), HighNibbles64(prev1)),
+            _mm512_shuffle_epi8(Table64(kPrevLow), _mm512_and_si512(prev1, Bytes(0x0F)))),
+        _mm512_shuffle_epi8(Table64(kCurrentHigh), HighNibbles64(current)));
+    const __m512i needsTwo = _mm512_and_si512(
+        _mm512_or_si512(_mm512_subs_epu8(prev2, Bytes(0x60)), _mm512_subs_epu8(prev3, Bytes(0x70))),
+        Bytes(0x80));
+    return _mm512_xor_si512(pairs, needsTwo);
+}
+
+KALDO_AVX512 inline void Widen64(const unsigned char* in, wchar_t* out) {
+    for (int k = 0; k < 4; ++k) {
+        const __m128i sixteen = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 16 * k));
+        _mm512_storeu_si512(out + 16 * k, _mm512_cvtepu8_epi32(sixteen));
+    }
+}
+
+KALDO_AVX512 inline void Emit16(__m512i points, __mmask16 ends, wchar_t* out, size_t& o) {
+    _mm512_storeu_si512(out + o, _mm512_maskz_compress_epi32(ends, points));
+    o += static_cast<size_t>(__builtin_popcount(ends));
+}
+
+// As EmitWindow, for the characters that end in [p - 1, p + 63).
+KALDO_AVX512 inline void EmitWindow64(const unsigned char* in, size_t p, uint64_t ends,
+                                      wchar_t* out, size_t& o) {
+    const __m512i last = Load64(in + p - 1);
+    const __m512i prev1 = Load64(in + p - 2);
+    const __m512i prev2 = Load64(in + p - 3);
+    const __m512i prev3 = Load64(in + p - 4);
+    const __mmask64 ascii = ~_mm512_movepi8_mask(last);
+    const __m512i bits0to7 = _mm512_mask_blend_epi8(
+        ascii,
+        _mm512_or_si512(_mm512_and_si512(last, Bytes(0x3F)),
+                        _mm512_and_si512(_mm512_slli_epi16(prev1, 6), Bytes(0xC0))),
+        last);
+    // Signed compares: 80..BF are -128..-65.
+    const __mmask64 prev1IsContinuation = _mm512_cmpgt_epi8_mask(Bytes(0xC0), prev1);
+    const __m512i fromPrev2 = _mm512_maskz_mov_epi8(
+        prev1IsContinuation, _mm512_and_si512(_mm512_slli_epi16(prev2, 4), Bytes(0xF0)));
+    const __m512i bits8to15 = _mm512_maskz_mov_epi8(
+        ~ascii,
+        _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(prev1, 2), Bytes(0x0F)), fromPrev2));
+    const __mmask64 fourByte = ~ascii & _mm512_cmpge_epu8_mask(prev3, Bytes(0xF0));
+    const __m512i bits16to20 = _mm512_maskz_mov_epi8(
+        fourByte, _mm512_or_si512(_mm512_and_si512(_mm512_slli_epi16(prev3, 2), Bytes(0x1C)),
+                                  _mm512_and_si512(_mm512_srli_epi16(prev2, 4), Bytes(0x03))));
+    // Unpacking works within each 128-bit quarter: q0 holds positions
+    // [0-3|16-19|32-35|48-51], q1 [4-7|20-23|...] and so on; the quarters
+    // are then transposed into positions 0-15, 16-31, 32-47 and 48-63.
+    const __m512i zero = _mm512_setzero_si512();
+    const __m512i low16a = _mm512_unpacklo_epi8(bits0to7, bits8to15);
+    const __m512i low16b = _mm512_unpackhi_epi8(bits0to7, bits8to15);
+    const __m512i high16a = _mm512_unpacklo_epi8(bits16to20, zero);
+    const __m512i high16b = _mm512_unpackhi_epi8(bits16to20, zero);
+    const __m512i q0 = _mm512_unpacklo_epi16(low16a, high16a);
+    const __m512i q1 = _mm512_unpackhi_epi16(low16a, high16a);
+    const __m512i q2 = _mm512_unpacklo_epi16(low16b, high16b);
+    const __m512i q3 = _mm512_unpackhi_epi16(low16b, high16b);
+    const __m512i t0 = _mm512_shuffle_i32x4(q0, q1, 0x44);
+    const __m512i t1 = _mm512_shuffle_i32x4(q2, q3, 0x44);
+    const __m512i t2 = _mm512_shuffle_i32x4(q0, q1, 0xEE);
+    const __m512i t3 = _mm512_shuffle_i32x4(q2, q3, 0xEE);
+    Emit16(_mm512_shuffle_i32x4(t0, t1, 0x88), static_cast<__mmask16>(ends), out, o);
+    Emit16(_mm512_shuffle_i32x4(t0, t1, 0xDD), static_cast<__mmask16>(ends >> 16), out, o);
+    Emit16(_mm512_shuffle_i32x4(t2, t3, 0x88), static_cast<__mmask16>(ends >> 32), out, o);
+    Emit16(_mm512_shuffle_i32x4(t2, t3, 0xDD), static_cast<__mmask16>(ends >> 48), out, o);
+}
+
+KALDO_AVX512 void RunWindowsAvx512(const unsigned char* in, size_t size, wchar_t* out,
+                                   WindowRun& run) {
+    size_t p = run.p;
+    size_t o = run.o;
+    uint64_t lastEnds = 0;
+    size_t lastWindow = 0;
+    // A window reads [p - 4, p + 64) and writes at most 64 characters at o
+    // (o < p).
+    for (; p + 64 <= size; p += 64) {
+        const __m512i current = Load64(in + p);
+        const __m512i prev1 = Load64(in + p - 1);
+        const uint64_t continuations = _mm512_cmpgt_epi8_mask(Bytes(0xC0), current);
+        const uint64_t ends = ~continuations;
+        if ((_mm512_movepi8_mask(prev1) | continuations) == 0) {
+            Widen64(in + p - 1, out + o);
+            o += 64;
+        } else {
+            const __m512i faults = Faults64(current, prev1, Load64(in + p - 2), Load64(in + p - 3));
+            if (_mm512_test_epi64_mask(faults, faults) != 0) {
+                run.faulty = true;
+                run.faultyEnd = p + 64;
+                break;
+            }
+            EmitWindow64(in, p, ends, out, o);
+        }
+        if (ends != 0) {
+            lastEnds = ends;
+            lastWindow = p;
+        }
+    }
+    if (lastEnds != 0) run.next = lastWindow + static_cast<size_t>(63 - __builtin_clzll(lastEnds));
+    run.p = p;
+    run.o = o;
+}
+
+using RunWindows = void (*)(const unsigned char* in, size_t size, wchar_t* out, WindowRun& run);
+
+// The widest windows this processor has, unless KALDO_UTF8_VECTOR caps them
+// ("avx2", or "scalar" for none): the tests compare every path with a plain
+// decoder on one machine.
+RunWindows ChooseWindows() {
+    __builtin_cpu_init();
+    const char* cap = std::getenv("KALDO_UTF8_VECTOR");
+    const std::string_view limit = cap ? cap : "";
+    if (limit == "scalar") return nullptr;
+    if (limit != "avx2" && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"))
+        return RunWindowsAvx512;
+    if (__builtin_cpu_supports("avx2")) return RunWindowsAvx2;
+    return nullptr;
+}
+
+// The careful path brings the text to a character start from which the
+// windows can take over (they look four bytes back, and their first position
+// must not be a stray continuation byte); a window that is not well formed
+// hands its stretch back to the careful path; the tail is left to the
+// portable loop.
+size_t DecodeWithWindows(RunWindows runWindows, const unsigned char* in, size_t size, wchar_t* out,
+                         bool final, size_t& consumed) {
     size_t i = 0;  // the next character not yet decoded starts here
     size_t o = 0;
     size_t carefulUntil = 4;
-    const Bytes32* splats = kBytes;
-    __asm__("" : "+r"(splats));
     for (;;) {
-        // The careful path up to a character start from which the windows
-        // can take over: they look four bytes back, and their first
-        // position must not be a stray continuation byte.
         while (i < size && (i < carefulUntil || IsContinuation(in[i]))) {
             if (!DecodeNext(in, size, i, out, o, final)) {
                 consumed = i;
                 return o;
             }
         }
-        // A window reads [p - 4, p + 32) and writes at most 32 characters
-        // at o, and o < p: both stay within the `size` the caller gave.
-        size_t p = i + 1;
-        // Where the last character written ends: the last bit of the ends of
-        // the last window that had one (found only when the windows stop).
-        uint32_t lastEnds = 0;
-        size_t lastWindow = 0;
-        bool faulty = false;
-        for (; p + 32 <= size; p += 32) {
-            const __m256i current = Load32(in + p);
-            const __m256i prev1 = Load32(in + p - 1);
-            const uint32_t continuations = static_cast<uint32_t>(
-                _mm256_movemask_epi8(_mm256_cmpgt_epi8(Splat(splats, kC0), current)));
-            const uint32_t ends = ~continuations;
-            if ((static_cast<uint32_t>(_mm256_movemask_epi8(prev1)) | continuations) == 0) {
-                Widen32(in + p - 1, out + o);  // ASCII: every position ends a character
-                o += 32;
-            } else {
-                const __m256i faults =
-                    Faults(splats, current, prev1, Load32(in + p - 2), Load32(in + p - 3));
-                if (!_mm256_testz_si256(faults, faults)) {
-                    faulty = true;
-                    break;
-                }
-                EmitWindow(splats, in, p, ends, out, o);
-            }
-            if (ends != 0) {
-                lastEnds = ends;
-                lastWindow = p;
-            }
-        }
-        if (lastEnds != 0) i = lastWindow + static_cast<size_t>(31 - __builtin_clz(lastEnds));
-        if (!faulty) break;
-        carefulUntil = p + 32;
+        WindowRun run{i + 1, o, i};
+        runWindows(in, size, out, run);
+        i = run.next;
+        o = run.o;
+        if (!run.faulty) break;
+        carefulUntil = run.faultyEnd;
     }
     return DecodeFrom(in, size, out, final, i, o, consumed);
-}
-
-bool HasAvx2() {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2");
 }
 #endif
 
@@ -500,8 +671,8 @@ void AppendWritten(std::wstring& text, size_t extra, Write write) {
 size_t DecodeUtf8(const unsigned char* in, size_t size, wchar_t* out, bool final,
                   size_t& consumed) {
 #if KALDO_UTF8_AVX2
-    static const bool avx2 = HasAvx2();
-    if (avx2) return DecodeAvx2(in, size, out, final, consumed);
+    static const RunWindows windows = ChooseWindows();
+    if (windows) return DecodeWithWindows(windows, in, size, out, final, consumed);
 #endif
     return DecodeFrom(in, size, out, final, 0, 0, consumed);
 }
