@@ -485,9 +485,8 @@ KALDO_AVX512 inline void Widen64(const unsigned char* in, wchar_t* out) {
     }
 }
 
-KALDO_AVX512 inline void Emit16(__m512i points, __mmask16 ends, wchar_t* out, size_t& o) {
-    _mm512_storeu_si512(out + o, _mm512_maskz_compress_epi32(ends, points));
-    o += static_cast<size_t>(__builtin_popcount(ends));
+KALDO_AVX512 inline void Emit16(__m512i points, __mmask16 ends, wchar_t* at) {
+    _mm512_storeu_si512(at, _mm512_maskz_compress_epi32(ends, points));
 }
 
 // As EmitWindow, for the characters that end in [p - 1, p + 63).
@@ -530,10 +529,17 @@ KALDO_AVX512 inline void EmitWindow64(const unsigned char* in, size_t p, uint64_
     const __m512i t1 = _mm512_shuffle_i32x4(q2, q3, 0x44);
     const __m512i t2 = _mm512_shuffle_i32x4(q0, q1, 0xEE);
     const __m512i t3 = _mm512_shuffle_i32x4(q2, q3, 0xEE);
-    Emit16(_mm512_shuffle_i32x4(t0, t1, 0x88), static_cast<__mmask16>(ends), out, o);
-    Emit16(_mm512_shuffle_i32x4(t0, t1, 0xDD), static_cast<__mmask16>(ends >> 16), out, o);
-    Emit16(_mm512_shuffle_i32x4(t2, t3, 0x88), static_cast<__mmask16>(ends >> 32), out, o);
-    Emit16(_mm512_shuffle_i32x4(t2, t3, 0xDD), static_cast<__mmask16>(ends >> 48), out, o);
+    // Each quarter's place is counted from the whole mask, so the four
+    // stores (and the next window) do not wait for one another.
+    wchar_t* at = out + o;
+    Emit16(_mm512_shuffle_i32x4(t0, t1, 0x88), static_cast<__mmask16>(ends), at);
+    Emit16(_mm512_shuffle_i32x4(t0, t1, 0xDD), static_cast<__mmask16>(ends >> 16),
+           at + __builtin_popcountll(ends & 0xFFFF));
+    Emit16(_mm512_shuffle_i32x4(t2, t3, 0x88), static_cast<__mmask16>(ends >> 32),
+           at + __builtin_popcountll(ends & 0xFFFFFFFF));
+    Emit16(_mm512_shuffle_i32x4(t2, t3, 0xDD), static_cast<__mmask16>(ends >> 48),
+           at + __builtin_popcountll(ends & 0xFFFFFFFFFFFF));
+    o += static_cast<size_t>(__builtin_popcountll(ends));
 }
 
 KALDO_AVX512 void RunWindowsAvx512(const unsigned char* in, size_t size, wchar_t* out,
