@@ -5,7 +5,6 @@
 // a definite code (a negative one always with an error record), never a crash
 // or a hang. The files start from the simulated Mac's good ones.
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -33,16 +32,20 @@ constexpr size_t kHugeBytes = size_t{implvm_test::kSanitized ? 32 : 256} << 20;
 
 const std::string kParallels = "/Users/robin/Parallels/";
 const std::string kVmware = "/Users/robin/Virtual Machines.localized/";
-const std::string kVbox = "/Users/robin/VirtualBox VMs/";
 const std::string kWindows7 = kVmware + "Windows 7 x64.vmwarevm/Windows 7 x64.vmx";
-const std::string kUbuntuServer = kVbox + "Ubuntu 22.04 Server/Ubuntu 22.04 Server.vbox";
+const std::string kUbuntuServer =
+    "/Users/robin/VirtualBox VMs/Ubuntu 22.04 Server/Ubuntu 22.04 Server.vbox";
+const std::string kXpConfig = kParallels + "Windows XP.pvm/config.pvs";
 
-// Whoever passes a negative code on records it; a success records nothing
-// that the caller must act on.
+// Whoever passes a negative code on records it.
 void ExpectAccountedFor(const CallResult& r, const std::string& what) {
     if (r.result < 0) {
         EXPECT_FALSE(r.errors.empty()) << what << ": " << r.result << " unrecorded";
     }
+}
+
+std::string Name(const MethodCall& call) {
+    return call.name.substr(call.name.rfind('_') + 1);
 }
 
 // ---- files ----
@@ -58,60 +61,39 @@ struct FileCase {
     std::array<int, kKinds> codes;  // in the order of Kind
 };
 
-// Bytes from a fixed generator: NULs, 0xFF, stray continuation bytes.
-std::string Binary() {
-    std::string bytes(64 << 10, '\0');
-    uint32_t x = 2463534242u;
-    for (char& c : bytes) {
-        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
-        c = static_cast<char>(x);
-    }
-    return bytes;
-}
-
 // `insert` after every '=', '"' and '>': inside values and beside markers.
 std::string Sprinkled(const std::string& good, const std::string& insert) {
     std::string out;
-    for (const char c : good) {
-        out += c;
-        if (c == '=' || c == '"' || c == '>') out += insert;
-    }
+    for (const char c : good)
+        out += c == '=' || c == '"' || c == '>' ? c + insert : std::string(1, c);
     return out;
 }
 
 std::string Bad(Kind kind, const std::string& good, const std::string& marker) {
-    switch (kind) {
-        case kEmpty:
-            return "";
-        case kBinary:
-            return Binary();
-        case kInvalidUtf8:
-            return Sprinkled(good, "\xFF\xC0\xAF\xED\xA0\x80\xE2\x82");
-        case kNulBytes:
-            return Sprinkled(good, std::string(1, '\0'));
-        case kTruncated: {
-            const size_t at = good.find(marker);
-            return good.substr(0, at == std::string::npos ? 0 : at + marker.size() / 2);
-        }
-        default:
-            return "";
+    if (kind == kBinary) {  // from a fixed generator: NULs, 0xFF, stray continuation bytes
+        std::string bytes(64 << 10, '\0');
+        uint32_t x = 2463534242u;
+        for (char& c : bytes) c = static_cast<char>(x ^= x << 13, x ^= x >> 17, x ^= x << 5);
+        return bytes;
     }
+    if (kind == kInvalidUtf8) return Sprinkled(good, "\xFF\xC0\xAF\xED\xA0\x80\xE2\x82");
+    if (kind == kNulBytes) return Sprinkled(good, std::string(1, '\0'));
+    if (kind == kTruncated) return good.substr(0, good.find(marker) + marker.size() / 2);
+    return "";
 }
 
 class BadFiles : public testing::TestWithParam<FileCase> {
 protected:
     // One line of one character, written once and linked into each Mac.
     static void SetUpTestSuite() {
-        huge_ =
-            (fs::temp_directory_path() / ("implvm-huge-" + std::to_string(::getpid()))).string();
         std::ofstream out(huge_, std::ios::binary);
         const std::string block(1 << 20, 'x');
         for (size_t done = 0; done < kHugeBytes; done += block.size()) out << block;
     }
     static void TearDownTestSuite() { fs::remove(huge_); }
-    static std::string huge_;
+    static inline const std::string huge_ =
+        (fs::temp_directory_path() / ("implvm-huge-" + std::to_string(::getpid()))).string();
 };
-std::string BadFiles::huge_;
 
 TEST_P(BadFiles, GetADefiniteCode) {
     const FileCase& c = GetParam();
@@ -136,68 +118,36 @@ constexpr int E = -1;  // the general failure
 constexpr int N = -2;  // the library's "not found", passed on as it is
 constexpr int A = -4;  // the library's "access denied", kept by the propagation rule
 constexpr int T = -7;  // the library's "timed out", passed on as it is
-const std::string kDirList = "/Library/Preferences/Parallels/vmdirectorylist.desktop.xml";
-const std::string kXpConfig = kParallels + "Windows XP.pvm/config.pvs";
-const std::string kInventory = "/Users/robin/Library/Application Support/VMware Fusion/vmInventory";
-const std::string kPausedLog = kVmware + "Debian 11.vmwarevm/vmware.log";
-const std::string kVboxXml = "/Users/robin/Library/VirtualBox/VirtualBox.xml";
-const std::string kFusionInfo = "/Applications/VMware Fusion.app/Contents/Info.plist";
+constexpr const char* kFusion = "13.5.0";
 
-//                                        empty bin utf8 NUL trunc huge
-INSTANTIATE_TEST_SUITE_P(
-    Files, BadFiles,
-    testing::Values(
-        FileCase{kDirList,
-                 "</VmHome>",
-                 IMPLVM_CALL(VirtualMachineImpl_Parallels4_EnumerateVMs),
-                 {0, 0, 0, 0, 0, 0}},
-        FileCase{kXpConfig,
-                 "</OsType>",
-                 IMPLVM_CALL(VirtualMachineImpl_Parallels4_GetVMInfo,
-                             {{"Name", kParallels + "Windows XP.pvm"}}),
-                 {E, E, 0, 0, E, E}},
-        FileCase{kXpConfig,
-                 "</VmUuid>",
-                 IMPLVM_CALL(ImplVirtualMachine_Parallels_9_X_OperateVM,
-                             {{"Name", kXpConfig}, {"COMMAND", "status"}}),
-                 {-6, -6, -6, -6, -6, -6}},
-        FileCase{
-            kInventory,
-            ".config = \"",
-            IMPLVM_CALL(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs, Json::object(), "13.5.0"),
-            {0, 0, 0, 0, 0, 0}},
-        FileCase{kWindows7,
-                 "guestOS",
-                 IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo, {{"Name", kWindows7}},
-                             "13.5.0"),
-                 {E, E, E, E, E, E}},
-        FileCase{kWindows7,
-                 "ethernet0.connectionType",
-                 IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kWindows7}},
-                             "13.5.0"),
-                 {E, E, E, E, 0, E}},
-        FileCase{kPausedLog,
-                 "VMAutomation_Pause",
-                 IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
-                             {{"Name", kVmware + "Debian 11.vmwarevm/Debian 11.vmx"}}, "13.5.0"),
-                 {0, 0, 0, 0, 0, 0}},
-        FileCase{kVboxXml,
-                 "<MachineEntry",
-                 IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_EnumerateVMs, Json::object(), "7.0.14"),
-                 {0, 0, 0, 0, 0, 0}},
-        FileCase{kUbuntuServer,
-                 "<Machine uuid=",
-                 IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo, {{"Name", kUbuntuServer}}),
-                 {E, E, E, E, E, E}},
-        FileCase{kFusionInfo,
-                 "CFBundleShortVersionString",
-                 IMPLVM_CALL(VirtualMachineImpl_Common_GetProductVersion,
-                             {{"BundleId", "com.vmware.fusion"}}),
-                 {N, N, N, N, N, N}}),
-    [](const testing::TestParamInfo<FileCase>& p) {
-        return std::to_string(p.index) + "_" +
-               p.param.call.name.substr(p.param.call.name.rfind('_') + 1);
-    });
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Files, BadFiles, testing::Values(
+    //                                                                         empty bin utf8 NUL trunc huge
+    FileCase{"/Library/Preferences/Parallels/vmdirectorylist.desktop.xml", "</VmHome>",
+             IMPLVM_CALL(VirtualMachineImpl_Parallels4_EnumerateVMs),              {0, 0, 0, 0, 0, 0}},
+    FileCase{kXpConfig, "</OsType>", IMPLVM_CALL(VirtualMachineImpl_Parallels4_GetVMInfo,
+             {{"Name", kParallels + "Windows XP.pvm"}}),                           {E, E, 0, 0, E, E}},
+    FileCase{"/Users/robin/Library/Application Support/VMware Fusion/vmInventory", ".config = \"",
+             IMPLVM_CALL(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs, Json::object(), kFusion),
+                                                                                   {0, 0, 0, 0, 0, 0}},
+    FileCase{kWindows7, "guestOS", IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
+             {{"Name", kWindows7}}, kFusion),                                      {E, E, E, E, E, E}},
+    FileCase{kWindows7, "ethernet0.connectionType", IMPLVM_CALL(
+             VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kWindows7}}, kFusion),
+                                                                                   {E, E, E, E, 0, E}},
+    FileCase{kVmware + "Debian 11.vmwarevm/vmware.log", "VMAutomation_Pause",
+             IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
+             {{"Name", kVmware + "Debian 11.vmwarevm/Debian 11.vmx"}}, kFusion),   {0, 0, 0, 0, 0, 0}},
+    FileCase{"/Users/robin/Library/VirtualBox/VirtualBox.xml", "<MachineEntry",
+             IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_EnumerateVMs, Json::object(), "7.0.14"),
+                                                                                   {0, 0, 0, 0, 0, 0}},
+    FileCase{kUbuntuServer, "<Machine uuid=", IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo,
+             {{"Name", kUbuntuServer}}),                                           {E, E, E, E, E, E}},
+    FileCase{"/Applications/VMware Fusion.app/Contents/Info.plist", "CFBundleShortVersionString",
+             IMPLVM_CALL(VirtualMachineImpl_Common_GetProductVersion,
+             {{"BundleId", "com.vmware.fusion"}}),                                 {N, N, N, N, N, N}}),
+    [](const auto& p) { return std::to_string(p.index) + "_" + Name(p.param.call); });
+// clang-format on
 
 // ---- tools ----
 
@@ -218,28 +168,12 @@ TEST_P(BadTools, GetADefiniteCode) {
     const ToolCase& c = GetParam();
     TestMachine mac;
     mac.copyDemoMac();
+    const std::string line((64 << 10) - 1, 'x');
+    const FakeResponse responses[kBehaviours] = {
+        {.hangUp = true},    {}, {.out = line + "\n", .outRepeat = kHugeBytes / (64 << 10)},
+        {.signal = SIGSEGV}, {}, {.sleepSeconds = 60}};
     for (int b = 0; b < kBehaviours; ++b) {
-        FakeResponse response;
-        switch (static_cast<Behaviour>(b)) {
-            case kHangsUpEarly:
-                response.hangUp = true;
-                break;
-            case kSilent:
-                break;
-            case kFlood:
-                response.out = std::string((64 << 10) - 1, 'x') + "\n";
-                response.outRepeat = kHugeBytes / (64 << 10);
-                break;
-            case kKilled:
-                response.signal = SIGSEGV;
-                break;
-            case kNeverEnds:
-                response.sleepSeconds = 60;
-                break;
-            default:
-                break;
-        }
-        mac.installTool(c.tool).respond(response);
+        mac.installTool(c.tool).respond(responses[b]);
         if (b == kNotExecutable) {
             mac.remove(c.tool);
             mac.writeFile(c.tool, "#!/bin/sh\necho never\n");  // mode 0644
@@ -256,49 +190,32 @@ TEST_P(BadTools, GetADefiniteCode) {
 
 const std::string kVBoxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage";
 const std::string kVmrun = "/Applications/VMware Fusion.app/Contents/Library/vmrun";
-const std::string kPrlctl = "/Applications/Parallels Desktop.app/Contents/MacOS/prlctl";
 
-//                                   hang-up silent flood killed no-exec never
-INSTANTIATE_TEST_SUITE_P(
-    Tools, BadTools,
-    testing::Values(
-        ToolCase{kVBoxManage,
-                 IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo, {{"Name", kUbuntuServer}}),
-                 {E, E, E, E, A, E}},
-        // A killed action tool reads as a failed exit without "error" in its
-        // text, which the answer tables count as done.
-        ToolCase{kVBoxManage,
-                 IMPLVM_CALL(VirtualMachineImpl_VirtualBox_4_X_StartVM, {{"Name", "Debian 12"}}),
-                 {0, 0, 0, 0, A, E}},
-        ToolCase{
-            kVmrun,
-            IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_StartVM,
-                        {{"Name", kVmware + "macOS 10.15.vmwarevm/macOS 10.15.vmx"}}, "13.5.0"),
-            {0, 0, 0, 0, A, E}},
-        ToolCase{kVmrun,
-                 IMPLVM_CALL(VirtualMachineImpl_VmWareFusion4_ListSnapshots, {{"Name", kWindows7}},
-                             "13.5.0"),
-                 {E, E, E, E, A, E}},
-        ToolCase{"/usr/sbin/system_profiler",
-                 IMPLVM_CALL(VirtualMachineImpl_Common_IsMachineVirtual),
-                 {0, 0, 0, 0, E, E}},
-        // Without a process listing the running VM's state is unknown.
-        ToolCase{"/bin/ps",
-                 IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo, {{"Name", kWindows7}},
-                             "13.5.0"),
-                 {E, E, 0, E, E, E}},
-        ToolCase{kPrlctl,
-                 IMPLVM_CALL(ImplVirtualMachine_Parallels_9_X_OperateVM,
-                             {{"Name", kXpConfig}, {"COMMAND", "stop"}}),
-                 {0, 0, 0, 0, A, T}},
-        ToolCase{"/usr/bin/open",
-                 IMPLVM_CALL(VirtualMachineImpl_Parallels4_StartVM,
-                             {{"Name", kParallels + "Ubuntu 22.04.pvm"}}),
-                 {0, 0, 0, E, E, E}}),
-    [](const testing::TestParamInfo<ToolCase>& p) {
-        return std::to_string(p.index) + "_" +
-               p.param.call.name.substr(p.param.call.name.rfind('_') + 1);
-    });
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Tools, BadTools, testing::Values(
+    //                                                                  hang-up silent flood killed no-exec never
+    ToolCase{kVBoxManage, IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo,
+             {{"Name", kUbuntuServer}}),                                        {E, E, E, E, A, E}},
+    // A killed action tool reads as a failed exit without "error" in its
+    // text, which the answer tables count as done.
+    ToolCase{kVBoxManage, IMPLVM_CALL(VirtualMachineImpl_VirtualBox_4_X_StartVM,
+             {{"Name", "Debian 12"}}),                                          {0, 0, 0, 0, A, E}},
+    ToolCase{kVmrun, IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_StartVM,
+             {{"Name", kVmware + "macOS 10.15.vmwarevm/macOS 10.15.vmx"}}, kFusion), {0, 0, 0, 0, A, E}},
+    ToolCase{kVmrun, IMPLVM_CALL(VirtualMachineImpl_VmWareFusion4_ListSnapshots,
+             {{"Name", kWindows7}}, kFusion),                                   {E, E, E, E, A, E}},
+    ToolCase{"/usr/sbin/system_profiler", IMPLVM_CALL(VirtualMachineImpl_Common_IsMachineVirtual),
+                                                                                {0, 0, 0, 0, E, E}},
+    // Without a process listing the running VM's state is unknown.
+    ToolCase{"/bin/ps", IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
+             {{"Name", kWindows7}}, kFusion),                                   {E, E, 0, E, E, E}},
+    ToolCase{"/Applications/Parallels Desktop.app/Contents/MacOS/prlctl",
+             IMPLVM_CALL(ImplVirtualMachine_Parallels_9_X_OperateVM,
+             {{"Name", kXpConfig}, {"COMMAND", "stop"}}),                       {0, 0, 0, 0, A, T}},
+    ToolCase{"/usr/bin/open", IMPLVM_CALL(VirtualMachineImpl_Parallels4_StartVM,
+             {{"Name", kParallels + "Ubuntu 22.04.pvm"}}),                      {0, 0, 0, E, E, E}}),
+    [](const auto& p) { return std::to_string(p.index) + "_" + Name(p.param.call); });
+// clang-format on
 
 // ---- inputs ----
 
@@ -321,13 +238,12 @@ TEST(BadInputs, MissingOrWrongKindIsRecordedAndRunsNothing) {
                 else
                     bad.inputs[key] = replacement;
                 const CallResult r = bad.run();
-                const std::string what = bad.label();
                 ++checked;
-                EXPECT_LT(r.result, 0) << what;
+                EXPECT_LT(r.result, 0) << bad.label();
                 if (call.method == VirtualMachineImpl_Common_GetHypervisorType) {
                     EXPECT_EQ(r.result, -3) << "unrecorded -3, as documented";
                 } else {
-                    ExpectAccountedFor(r, what);
+                    ExpectAccountedFor(r, bad.label());
                 }
             }
         }

@@ -19,22 +19,6 @@ ProcessResult Implvm(Args args) {
     return implvm_test::RunProcess(args, {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}});
 }
 
-// The one JSON document a call prints: result, outputs, errors.
-Json Document(const ProcessResult& r) {
-    Json doc = Json::parse(r.out);
-    EXPECT_EQ(doc.size(), 3u);
-    EXPECT_TRUE(doc.contains("result") && doc.contains("outputs") && doc.contains("errors"));
-    return doc;
-}
-
-TEST(ImplvmCall, ModuleVersion) {
-    const auto r = Implvm({"call", "VirtualMachineImpl_Common_GetModuleVersion"});
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(Document(r),
-              (Json{{"result", 0}, {"outputs", "3.6.10676.2"}, {"errors", Json::array()}}));
-    EXPECT_EQ(r.err, "");
-}
-
 TEST(ImplvmCall, InputsReachTheMethodAsTreeKinds) {
     const std::pair<Args, int> rows[] = {
         // clang-format off
@@ -51,11 +35,12 @@ TEST(ImplvmCall, InputsReachTheMethodAsTreeKinds) {
         Args args = {"call", "VirtualMachineImpl_Common_GetHypervisorType"};
         args.insert(args.end(), inputs.begin(), inputs.end());
         const auto r = Implvm(args);
-        const Json doc = Document(r);
-        EXPECT_EQ(doc["result"], type < 0 ? type : 0) << r.out;
         const Json outputs = type < 0 ? Json() : Json{{"HypervisorType", type}};
-        EXPECT_EQ(doc["outputs"], outputs);
+        EXPECT_EQ(
+            Json::parse(r.out),
+            (Json{{"result", std::min(type, 0)}, {"outputs", outputs}, {"errors", Json::array()}}));
         EXPECT_EQ(r.exitCode, type < 0 ? 1 : 0);
+        EXPECT_EQ(r.err, "");
     }
 }
 
@@ -67,9 +52,7 @@ TEST(ImplvmCall, MistakesGiveOneLineOnStandardErrorAndStatusTwo) {
         {{}, "command"},
         {{"call", "NoSuchMethod"}, "NoSuchMethod"},
         {{"call", "macAddressCheck"}, "macAddressCheck"},
-        {{"call", version, "--bogus"}, "--bogus"},
         {{"call", type, "--in", "HYPER_TYPE"}, "KEY=VALUE"},
-        {{"call", type, "--in-json", "{\"a\":"}, "--in-json"},
         {{"call", type, "--in-json", "[1]"}, "object"},
         {{"call", version, "--product-version", "latest"}, "--product-version"},
         {{"--fail", "no code here", "call", version}, "--fail"},
@@ -86,23 +69,8 @@ TEST(ImplvmCall, MistakesGiveOneLineOnStandardErrorAndStatusTwo) {
     }
 }
 
-TEST(ImplvmCall, EveryCommandHasHelp) {
-    const std::pair<Args, Args> rows[] = {
-        {{"--help"}, {"call", "methods", "inventory", "--root", "--module", "--fail"}},
-        {{"inventory", "--help"}, {"--json"}},
-        {{"call", "--help"}, {"METHOD", "--product-version", "--in", "--in-json"}},
-        {{"methods", "--help"}, {"method functions"}},
-    };
-    for (const auto& [args, mentions] : rows) {
-        const auto r = Implvm(args);
-        EXPECT_EQ(r.exitCode, 0) << args[0];
-        for (const auto& word : mentions) EXPECT_NE(r.out.find(word), std::string::npos) << word;
-    }
-}
-
 TEST(ImplvmMethods, ListsTheExportedMethodFunctionsOnly) {
     const auto r = Implvm({"methods"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
     const implvm::ElfExports exports = implvm::ReadElfExports(IMPLVM_MODULE_PATH);
     ASSERT_TRUE(exports.ok()) << exports.error;
     std::string expected;
@@ -117,26 +85,21 @@ TEST(ImplvmRoot, ToolsFilesAndFailpointsOfTheRoot) {
     implvm_test::TestMachine mac;
     mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "13.5.2");
     mac.installTool("/usr/sbin/system_profiler").respond("Model Identifier: VMware7,1\n");
-    auto call = [&](const Args& tail) {
-        Args args = {"--root", mac.root()};
-        args.insert(args.end(), tail.begin(), tail.end());
-        return Implvm(args);
+    const Args product = {"call", "VirtualMachineImpl_Common_GetProductVersion", "--in",
+                          "BundleId=com.vmware.fusion"};
+    auto call = [&](Args args) {
+        args.insert(args.begin(), {"--root", mac.root()});
+        return Json::parse(Implvm(args).out);
     };
-    const std::string product = "VirtualMachineImpl_Common_GetProductVersion";
-    auto r = call({"call", product, "--in", "BundleId=com.vmware.fusion"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
     // Paths come back as the Mac sees them, never with the root in front.
-    EXPECT_EQ(Document(r)["outputs"],
+    EXPECT_EQ(call(product)["outputs"],
               (Json{{"ProductVersion", "13.5.2"}, {"AppPath", "/Applications/VMware Fusion.app"}}));
-
-    r = call({"call", "VirtualMachineImpl_Common_IsMachineVirtual"});
-    EXPECT_EQ(Document(r)["outputs"],
+    EXPECT_EQ(call({"call", "VirtualMachineImpl_Common_IsMachineVirtual"})["outputs"],
               (Json{{"IsMachineVirtual", 1}, {"VMCompanyName", "VMware, Inc."}}));
 
-    r = call(
-        {"--fail", "getInputsForMethod=-4", "call", product, "--in", "BundleId=com.vmware.fusion"});
-    EXPECT_EQ(r.exitCode, 1);
-    const Json doc = Document(r);
+    Args failing = {"--fail", "getInputsForMethod=-4"};
+    failing.insert(failing.end(), product.begin(), product.end());
+    const Json doc = call(failing);
     EXPECT_EQ(doc["result"], -1);
     EXPECT_TRUE(doc["outputs"].is_null());
     ASSERT_EQ(doc["errors"].size(), 1u);

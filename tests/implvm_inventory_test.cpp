@@ -1,7 +1,6 @@
 // implvm inventory end to end, on copies of the simulated Mac.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <set>
 
 #include "TestMachine.h"
@@ -10,12 +9,6 @@ using implvm_test::Json;
 using implvm_test::TestMachine;
 
 namespace {
-
-implvm_test::ProcessResult Inventory(const TestMachine& mac, bool json) {
-    std::vector<std::string> argv = {IMPLVM_BIN, "--root", mac.root(), "inventory"};
-    if (json) argv.push_back("--json");
-    return implvm_test::RunProcess(argv, {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}});
-}
 
 // Error records as {code, source file name}, each once: where a module
 // records a failure, and how often on its way out, is the module's affair.
@@ -35,6 +28,27 @@ void NormaliseErrors(Json& node) {
         for (Json& child : node) NormaliseErrors(child);
 }
 
+// The --json document (normalised) and the human form.
+std::pair<Json, std::string> Inventory(const TestMachine& mac) {
+    std::vector<std::string> argv = {IMPLVM_BIN, "--root", mac.root(), "inventory", "--json"};
+    const auto env =
+        std::map<std::string, std::string>{{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}};
+    const auto json = implvm_test::RunProcess(argv, env);
+    EXPECT_EQ(json.exitCode, 0);
+    EXPECT_EQ(json.err, "");  // no progress line: standard error is not a terminal
+    argv.pop_back();
+    const auto human = implvm_test::RunProcess(argv, env);
+    EXPECT_EQ(human.exitCode, 0);
+    Json doc = Json::parse(json.out);
+    NormaliseErrors(doc);
+    return {doc, human.out};
+}
+
+void ExpectLines(const std::string& human, const std::vector<std::string>& lines) {
+    for (const std::string& line : lines)
+        EXPECT_NE(human.find(line), std::string::npos) << line << "\nin\n" << human;
+}
+
 Json Call(const std::string& method, int result, Json outputs, Json errors = Json::array()) {
     return {{"method", method}, {"result", result}, {"outputs", outputs}, {"errors", errors}};
 }
@@ -43,228 +57,116 @@ Json Failure(const std::string& method, const char* file) {
     return Call(method, -1, nullptr, Json::array({{{"code", -1}, {"file", file}}}));
 }
 
-struct Hv {
-    const char* key;
-    const char* name;
-    const char* bundleId;
-    const char* version;
-    const char* app;
-    int oldestServed;
-    const char* prefix;  // of the method names
-    const char* enumerate;
-};
-
-// clang-format off
-const Hv kParallels = {"parallels", "Parallels Desktop", "com.parallels.desktop.console", "18.3.2",
-                       "/Applications/Parallels Desktop.app", 4, "VirtualMachineImpl_Parallels4_",
-                       "VirtualMachineImpl_Parallels4_EnumerateVMs"};
-const Hv kFusion = {"vmware", "VMware Fusion", "com.vmware.fusion", "13.5.0",
-                    "/Applications/VMware Fusion.app", 1, "VirtualMachineImpl_VmWareFusion1_",
-                    "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs"};
-const Hv kVirtualBox = {"virtualbox", "VirtualBox", "org.virtualbox.app.VirtualBox", "7.0.14",
-                        "/Applications/VirtualBox.app", 2, "VirtualMachineImpl_VirtualBox2_",
-                        "VirtualMachineImpl_VirtualBox2_EnumerateVMs"};
-// clang-format on
-
-Json Net(const char* name, int type, int connected) {
-    Json adapter = {{"Name", name}};
-    if (type >= 0) adapter["Type"] = type;
-    adapter["IsConnected"] = connected;
-    adapter["MacAddress"] = "";
-    return adapter;
-}
-
-// One described VM: identifier, name, OS type and distribution, state, adapters.
-Json Vm(const Hv& hv, const std::string& id, const char* name, int osType, const char* distribution,
-        int state, Json networks) {
-    const std::string p = hv.prefix;
-    return {{"id", id},
-            {"info", Call(p + "GetVMInfo", 0,
-                          {{"UserFriendlyName", name},
-                           {"OS", {{"Type", osType}, {"Distribution", distribution}}},
-                           {"State", state}})},
-            {"network", Call(p + "GetVMNetwork", 0, {{"Networks", networks}})}};
-}
-
-Json Section(const Hv& hv, Json vms) {
-    const std::string p = hv.prefix;
-    Json ids = Json::array();
-    for (const Json& vm : vms) ids.push_back(vm["id"]);
-    return {
-        {"name", hv.name},
-        {"bundleId", hv.bundleId},
-        {"installed", true},
-        {"version", hv.version},
-        {"appPath", hv.app},
-        {"served", true},
-        {"oldestServed", hv.oldestServed},
-        {"productVersion", Call("VirtualMachineImpl_Common_GetProductVersion", 0,
-                                {{"ProductVersion", hv.version}, {"AppPath", hv.app}})},
-        {"methods",
-         {{"enumerate", hv.enumerate}, {"info", p + "GetVMInfo"}, {"network", p + "GetVMNetwork"}}},
-        {"enumeration", Call(hv.enumerate, 0, {{"VMs", ids}})},
-        {"vms", vms}};
-}
-
 const std::string kPvm = "/Users/robin/Parallels/";
-const std::string kVmx = "/Users/robin/Virtual Machines.localized/";
-const std::string kVbox = "/Users/robin/VirtualBox VMs/";
+const char* const kParallelsApp = "/Applications/Parallels Desktop.app";
 
-// The simulated Mac as its README describes it.
-Json DemoMacInventory() {
-    const Json nat = Net("Network", 1, 1);
-    Json parallels =
-        Section(kParallels, {Vm(kParallels, kPvm + "Windows XP.pvm", "Windows XP", 3, "Windows XP",
-                                1, {Net("Network Adapter 1", 1, 1)}),
-                             Vm(kParallels, kPvm + "Windows Server 2008.pvm", "Windows Server 2008",
-                                3, "Windows Server 2008", 2,
-                                {Net("Network Adapter 1", 2, 1), Net("Network Adapter 2", 3, 0)}),
-                             Vm(kParallels, kPvm + "Ubuntu 22.04.pvm", "Ubuntu 22.04", 1, "Linux",
-                                3, {Net("Network Adapter 1", 1, 1), Net("Lab network", 2, 1)})});
-    const std::string kali = kVmx + "Kali Purple.vmwarevm/Kali Purple.vmx";
-    Json fusion = Section(
-        kFusion, {Vm(kFusion, kVmx + "Windows 7 x64.vmwarevm/Windows 7 x64.vmx", "Windows 7 x64", 3,
-                     "Windows 7", 1, {nat}),
-                  Vm(kFusion, kVmx + "Ubuntu 64-bit.vmwarevm/Ubuntu 64-bit.vmx", "Ubuntu 64-bit", 1,
-                     "Ubuntu Linux", 2, {Net("Network", 2, 1), Net("Network 2", 3, 0)}),
-                  Vm(kFusion, kVmx + "macOS 10.15.vmwarevm/macOS 10.15.vmx", "macOS 10.15", 2,
-                     "Mac OS X", 3, {nat}),
-                  Vm(kFusion, kVmx + "Debian 11.vmwarevm/Debian 11.vmx", "Debian 11", 1, "Debian",
-                     2, {Net("Network 2", 1, 1)}),
-                  {{"id", kali},
-                   {"info", Failure("VirtualMachineImpl_VmWareFusion1_GetVMInfo",
-                                    "ImplVirtualMachine_VmWare.cpp")},
-                   {"network", Failure("VirtualMachineImpl_VmWareFusion1_GetVMNetwork",
-                                       "ImplVirtualMachine_VmWare.cpp")}}});
-    Json virtualBox = Section(
-        kVirtualBox, {Vm(kVirtualBox, kVbox + "Ubuntu 22.04 Server/Ubuntu 22.04 Server.vbox",
-                         "Ubuntu 22.04 Server", 1, "Ubuntu (64-bit)", 1,
-                         {Net("Adapter 1", 1, 1), Net("Adapter 2", 3, 1)}),
-                      Vm(kVirtualBox, kVbox + "Windows 10/Windows 10.vbox", "Windows 10", 3,
-                         "Windows 10 (64-bit)", 2, {Net("Adapter 1", 2, 1)}),
-                      Vm(kVirtualBox, kVbox + "Debian 12/Debian 12.vbox", "Debian 12", 1,
-                         "Debian (64-bit)", 3, {Net("Adapter 1", 1, 1), Net("Adapter 3", 0, 0)}),
-                      Vm(kVirtualBox, kVbox + "Fedora 39/Fedora 39.vbox", "Fedora 39", 0,
-                         "Fedora (64-bit)", 2, {Net("Adapter 1", 1, 1)})});
-    return {
-        {"hypervisors", {{"parallels", parallels}, {"vmware", fusion}, {"virtualbox", virtualBox}}},
-        {"host",
-         {{"hardware",
-           Call("VirtualMachineImpl_Common_IsMachineVirtual", 0, {{"IsMachineVirtual", 0}})},
-          // No adapter matched a vendor: recorded, and still answered 0.
-          {"network", Call("ImplVm_Common_IsMachineVirtual", 0, {{"IsMachineVirtual", 0}},
-                           {{{"code", -1}, {"file", "ImplVm_Common.cpp"}}})}}}};
-}
-
-// A product whose application cannot be found: the module's own answer, no
-// methods, nothing listed.
-Json NotInstalled(const Hv& hv, const char* because) {
-    return {{"name", hv.name},
-            {"bundleId", hv.bundleId},
-            {"installed", false},
-            {"version", nullptr},
-            {"appPath", nullptr},
-            {"served", false},
-            {"oldestServed", hv.oldestServed},
-            {"productVersion", Call("VirtualMachineImpl_Common_GetProductVersion", -2, nullptr,
-                                    {{{"code", -2}, {"file", because}}})},
-            {"methods", {{"enumerate", nullptr}, {"info", nullptr}, {"network", nullptr}}},
-            {"enumeration", nullptr},
-            {"vms", Json::array()}};
-}
-
-struct InventoryCase {
-    const char* name;
-    std::function<void(TestMachine&)> change;  // to the copy of the simulated Mac
-    std::function<void(Json&)> expect;         // to the simulated Mac's inventory
-    std::vector<std::string> lines;            // the human form holds each of these
-};
-
-class ImplvmInventory : public testing::TestWithParam<InventoryCase> {};
-
-TEST_P(ImplvmInventory, DescribesEveryVmOfEveryInstalledHypervisor) {
-    const InventoryCase& c = GetParam();
+// The simulated Mac as its README describes it, with one Parallels VM's
+// configuration gone: a broken VM of each of two hypervisors, only whose
+// own rows fail.
+TEST(ImplvmInventory, DescribesEveryVmOfEveryInstalledHypervisor) {
     TestMachine mac;
     mac.copyDemoMac();
-    if (c.change) c.change(mac);
-    Json expected = DemoMacInventory();
-    if (c.expect) c.expect(expected);
+    mac.remove(kPvm + "Ubuntu 22.04.pvm/config.pvs");
+    const auto [doc, human] = Inventory(mac);
 
-    const auto json = Inventory(mac, true);
-    EXPECT_EQ(json.exitCode, 0);
-    EXPECT_EQ(json.err, "");  // no progress line: standard error is not a terminal
-    Json document = Json::parse(json.out);
-    NormaliseErrors(document);
-    for (const char* key : {"parallels", "vmware", "virtualbox"})
-        EXPECT_EQ(document["hypervisors"][key], expected["hypervisors"][key]) << key;
-    EXPECT_EQ(document, expected);
+    const std::string pl = "VirtualMachineImpl_Parallels4_",
+                      vf = "VirtualMachineImpl_VmWareFusion1_";
+    const std::map<std::string, std::pair<size_t, size_t>> sizes = {
+        {"parallels", {3, 2}}, {"vmware", {5, 4}}, {"virtualbox", {4, 99}}};  // VMs, broken one
+    ASSERT_EQ(doc["hypervisors"].size(), 3u);
+    for (const auto& [key, size] : sizes) {
+        const Json& section = doc["hypervisors"][key];
+        EXPECT_EQ(section["served"], true);
+        ASSERT_EQ(section["vms"].size(), size.first) << key;
+        Json ids = Json::array();
+        for (size_t k = 0; k < size.first; ++k) {
+            const Json& vm = section["vms"][k];
+            ids.push_back(vm["id"]);
+            EXPECT_EQ(vm["info"]["result"], k == size.second ? -1 : 0) << vm["id"];
+            EXPECT_EQ(vm["network"]["result"], k == size.second ? -1 : 0) << vm["id"];
+        }
+        EXPECT_EQ(section["enumeration"]["outputs"]["VMs"], ids);
+    }
+    EXPECT_EQ(
+        doc["hypervisors"]["vmware"]["vms"][4],
+        (Json{
+            {"id", "/Users/robin/Virtual Machines.localized/Kali Purple.vmwarevm/Kali Purple.vmx"},
+            {"info", Failure(vf + "GetVMInfo", "ImplVirtualMachine_VmWare.cpp")},
+            {"network", Failure(vf + "GetVMNetwork", "ImplVirtualMachine_VmWare.cpp")}}));
+    EXPECT_EQ(doc["hypervisors"]["vmware"]["methods"],
+              (Json{{"enumerate", "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs"},
+                    {"info", vf + "GetVMInfo"},
+                    {"network", vf + "GetVMNetwork"}}));
+    // One VM whole: the inputs and outputs of its two calls.
+    const auto net = [](const char* name, int type, int connected) {
+        return Json{{"Name", name}, {"Type", type}, {"IsConnected", connected}, {"MacAddress", ""}};
+    };
+    EXPECT_EQ(doc["hypervisors"]["parallels"]["vms"][1],
+              (Json{{"id", kPvm + "Windows Server 2008.pvm"},
+                    {"info", Call(pl + "GetVMInfo", 0,
+                                  {{"UserFriendlyName", "Windows Server 2008"},
+                                   {"OS", {{"Type", 3}, {"Distribution", "Windows Server 2008"}}},
+                                   {"State", 2}})},
+                    {"network",
+                     Call(pl + "GetVMNetwork", 0,
+                          {{"Networks",
+                            {net("Network Adapter 1", 2, 1), net("Network Adapter 2", 3, 0)}}})}}));
+    // No adapter matched a vendor: recorded, and still answered 0.
+    EXPECT_EQ(doc["host"],
+              (Json{{"hardware", Call("VirtualMachineImpl_Common_IsMachineVirtual", 0,
+                                      {{"IsMachineVirtual", 0}})},
+                    {"network", Call("ImplVm_Common_IsMachineVirtual", 0, {{"IsMachineVirtual", 0}},
+                                     {{{"code", -1}, {"file", "ImplVm_Common.cpp"}}})}}));
 
-    const auto human = Inventory(mac, false);
-    EXPECT_EQ(human.exitCode, 0);
-    for (const std::string& line : c.lines)
-        EXPECT_NE(human.out.find(line), std::string::npos) << line << "\nin\n" << human.out;
+    ExpectLines(human, {"Parallels Desktop 18.3.2  /Applications/Parallels Desktop.app\n",
+                        "  Windows XP           Windows XP           running           NAT  ",
+                        "  Ubuntu 22.04         failed: GetVMInfo answered -1 (-1 at "
+                        "ImplVirtualMachine_Parallels.cpp:",
+                        "  Kali Purple    failed: GetVMInfo answered -1 (-1 at "
+                        "ImplVirtualMachine_VmWare.cpp:",
+                        "  Debian 12            Debian (64-bit)      stopped           NAT, other "
+                        "(disconnected)  /Users/robin/VirtualBox VMs/Debian 12/Debian 12.vbox\n",
+                        "This Mac\n  by its hardware profile:   not a virtual machine\n"
+                        "  by its network addresses:  not a virtual machine\n"});
 }
 
-const std::string kNotVirtual =
-    "This Mac\n  by its hardware profile:   not a virtual machine\n"
-    "  by its network addresses:  not a virtual machine\n";
+// A product the module has no methods for, and one that is not installed:
+// their sections say so, list nothing, and the rest is described as before.
+TEST(ImplvmInventory, ProductsTooOldOrNotInstalled) {
+    TestMachine mac;
+    mac.copyDemoMac();
+    mac.installApp(kParallelsApp, "com.parallels.desktop.console", "3.0.5584");
+    mac.remove("/Applications/VMware Fusion.app");
+    const auto [doc, human] = Inventory(mac);
+    const Json noMethods = {{"enumerate", nullptr}, {"info", nullptr}, {"network", nullptr}};
 
-INSTANTIATE_TEST_SUITE_P(
-    SimulatedMac, ImplvmInventory,
-    testing::Values(
-        InventoryCase{"AsBundled",
-                      nullptr,
-                      nullptr,
-                      {"Parallels Desktop 18.3.2  /Applications/Parallels Desktop.app\n",
-                       "  Windows XP           Windows XP           running           NAT  ",
-                       "  Kali Purple    failed: GetVMInfo answered -1 (-1 at "
-                       "ImplVirtualMachine_VmWare.cpp:",
-                       "  Debian 12            Debian (64-bit)      stopped           NAT, other "
-                       "(disconnected)  /Users/robin/VirtualBox VMs/Debian 12/Debian 12.vbox\n",
-                       kNotVirtual}},
-        InventoryCase{"ParallelsAndFusionNotInstalled",
-                      [](TestMachine& mac) {
-                          mac.remove(kParallels.app);
-                          mac.remove(kFusion.app);
-                      },
-                      [](Json& doc) {
-                          doc["hypervisors"]["parallels"] =
-                              NotInstalled(kParallels, "ImplVirtualMachine_Common.cpp");
-                          doc["hypervisors"]["vmware"] =
-                              NotInstalled(kFusion, "ImplVirtualMachine_Common.cpp");
-                      },
-                      {"Parallels Desktop: not installed",
-                       "\nVMware Fusion: not installed (no application with bundle identifier "
-                       "com.vmware.fusion)\n\nVirtualBox 7.0.14",
-                       kNotVirtual}},
-        InventoryCase{
-            "ParallelsTooOld",
-            [](TestMachine& mac) {
-                mac.installApp(kParallels.app, kParallels.bundleId, "3.0.5584");
-            },
-            [](Json& doc) {
-                Json& s = doc["hypervisors"]["parallels"];
-                s["version"] = "3.0.5584";
-                s["served"] = false;
-                s["productVersion"]["outputs"]["ProductVersion"] = "3.0.5584";
-                s["methods"] = {{"enumerate", nullptr}, {"info", nullptr}, {"network", nullptr}};
-                s["enumeration"] = nullptr;
-                s["vms"] = Json::array();
-            },
-            {"Parallels Desktop 3.0.5584  /Applications/Parallels Desktop.app\n"
-             "  the module serves Parallels Desktop 4 and later only\n"}},
-        // A second broken VM, of another hypervisor: only its own row changes.
-        InventoryCase{"ParallelsConfigurationGone",
-                      [](TestMachine& mac) { mac.remove(kPvm + "Ubuntu 22.04.pvm/config.pvs"); },
-                      [](Json& doc) {
-                          Json& vm = doc["hypervisors"]["parallels"]["vms"][2];
-                          vm["info"] = Failure("VirtualMachineImpl_Parallels4_GetVMInfo",
-                                               "ImplVirtualMachine_Parallels.cpp");
-                          vm["network"] = Failure("VirtualMachineImpl_Parallels4_GetVMNetwork",
-                                                  "ImplVirtualMachine_Parallels.cpp");
-                      },
-                      {"  Ubuntu 22.04         failed: GetVMInfo answered -1 (-1 at "
-                       "ImplVirtualMachine_Parallels.cpp:"}}),
-    [](const testing::TestParamInfo<InventoryCase>& p) { return std::string(p.param.name); });
+    const Json& old = doc["hypervisors"]["parallels"];
+    EXPECT_EQ(old["productVersion"]["outputs"],
+              (Json{{"ProductVersion", "3.0.5584"}, {"AppPath", kParallelsApp}}));
+    EXPECT_EQ(old["served"], false);
+    EXPECT_EQ(old["methods"], noMethods);
+    EXPECT_EQ(old["enumeration"], nullptr);
+    EXPECT_EQ(old["vms"], Json::array());
+    EXPECT_EQ(
+        doc["hypervisors"]["vmware"],
+        (Json{{"name", "VMware Fusion"},
+              {"bundleId", "com.vmware.fusion"},
+              {"installed", false},
+              {"version", nullptr},
+              {"appPath", nullptr},
+              {"served", false},
+              {"oldestServed", 1},
+              {"productVersion", Call("VirtualMachineImpl_Common_GetProductVersion", -2, nullptr,
+                                      {{{"code", -2}, {"file", "ImplVirtualMachine_Common.cpp"}}})},
+              {"methods", noMethods},
+              {"enumeration", nullptr},
+              {"vms", Json::array()}}));
+    EXPECT_EQ(doc["hypervisors"]["virtualbox"]["vms"].size(), 4u);
+
+    ExpectLines(human, {"Parallels Desktop 3.0.5584  /Applications/Parallels Desktop.app\n"
+                        "  the module serves Parallels Desktop 4 and later only\n",
+                        "\nVMware Fusion: not installed (no application with bundle identifier "
+                        "com.vmware.fusion)\n\nVirtualBox 7.0.14"});
+}
 
 }  // namespace
