@@ -453,28 +453,45 @@ KALDO_AVX512 inline __m512i Load64(const unsigned char* at) {
     return _mm512_loadu_si512(at);
 }
 
-KALDO_AVX512 inline __m512i Bytes(uint8_t value) {
-    return _mm512_set1_epi8(static_cast<char>(value));
+// The byte constants, 64 bytes a row, read through a pointer the compiler
+// cannot see through (as for the 32-byte windows): left to itself it builds
+// each constant again in every step.
+struct alignas(64) Row64 {
+    uint8_t bytes[64];
+};
+constexpr Row64 Fill64(uint8_t value) {
+    Row64 row{};
+    for (uint8_t& b : row.bytes) b = value;
+    return row;
+}
+constexpr Row64 kRows64[] = {Fill64(0x0F), Fill64(0x3F), Fill64(0xC0), Fill64(0xF0), Fill64(0x1C),
+                             Fill64(0x03), Fill64(0x80), Fill64(0x60), Fill64(0x70)};
+enum Row64Constant { r0F, r3F, rC0, rF0, r1C, r03, r80, r60, r70 };
+
+KALDO_AVX512 inline __m512i Bytes(const Row64* rows, Row64Constant c) {
+    return _mm512_load_si512(rows[c].bytes);
 }
 
 KALDO_AVX512 inline __m512i Table64(const uint8_t (&table)[16]) {
     return _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i*>(table)));
 }
 
-KALDO_AVX512 inline __m512i HighNibbles64(__m512i bytes) {
-    return _mm512_and_si512(_mm512_srli_epi16(bytes, 4), Bytes(0x0F));
+KALDO_AVX512 inline __m512i HighNibbles64(const Row64* rows, __m512i bytes) {
+    return _mm512_and_si512(_mm512_srli_epi16(bytes, 4), Bytes(rows, r0F));
 }
 
 // As Faults, for 64 bytes.
-KALDO_AVX512 inline __m512i Faults64(__m512i current, __m512i prev1, __m512i prev2, __m512i prev3) {
+KALDO_AVX512 inline __m512i Faults64(const Row64* rows, __m512i current, __m512i prev1,
+                                     __m512i prev2, __m512i prev3) {
     const __m512i pairs = _mm512_and_si512(
         _mm512_and_si512(
-            _mm512_shuffle_epi8(Table64(kPrevHigh), HighNibbles64(prev1)),
-            _mm512_shuffle_epi8(Table64(kPrevLow), _mm512_and_si512(prev1, Bytes(0x0F)))),
-        _mm512_shuffle_epi8(Table64(kCurrentHigh), HighNibbles64(current)));
-    const __m512i needsTwo = _mm512_and_si512(
-        _mm512_or_si512(_mm512_subs_epu8(prev2, Bytes(0x60)), _mm512_subs_epu8(prev3, Bytes(0x70))),
-        Bytes(0x80));
+            _mm512_shuffle_epi8(Table64(kPrevHigh), HighNibbles64(rows, prev1)),
+            _mm512_shuffle_epi8(Table64(kPrevLow), _mm512_and_si512(prev1, Bytes(rows, r0F)))),
+        _mm512_shuffle_epi8(Table64(kCurrentHigh), HighNibbles64(rows, current)));
+    const __m512i needsTwo =
+        _mm512_and_si512(_mm512_or_si512(_mm512_subs_epu8(prev2, Bytes(rows, r60)),
+                                         _mm512_subs_epu8(prev3, Bytes(rows, r70))),
+                         Bytes(rows, r80));
     return _mm512_xor_si512(pairs, needsTwo);
 }
 
@@ -490,8 +507,8 @@ KALDO_AVX512 inline void Emit16(__m512i points, __mmask16 ends, wchar_t* at) {
 }
 
 // As EmitWindow, for the characters that end in [p - 1, p + 63).
-KALDO_AVX512 inline void EmitWindow64(const unsigned char* in, size_t p, uint64_t ends,
-                                      wchar_t* out, size_t& o) {
+KALDO_AVX512 inline void EmitWindow64(const Row64* rows, const unsigned char* in, size_t p,
+                                      uint64_t ends, wchar_t* out, size_t& o) {
     const __m512i last = Load64(in + p - 1);
     const __m512i prev1 = Load64(in + p - 2);
     const __m512i prev2 = Load64(in + p - 3);
@@ -499,20 +516,20 @@ KALDO_AVX512 inline void EmitWindow64(const unsigned char* in, size_t p, uint64_
     const __mmask64 ascii = ~_mm512_movepi8_mask(last);
     const __m512i bits0to7 = _mm512_mask_blend_epi8(
         ascii,
-        _mm512_or_si512(_mm512_and_si512(last, Bytes(0x3F)),
-                        _mm512_and_si512(_mm512_slli_epi16(prev1, 6), Bytes(0xC0))),
+        _mm512_or_si512(_mm512_and_si512(last, Bytes(rows, r3F)),
+                        _mm512_and_si512(_mm512_slli_epi16(prev1, 6), Bytes(rows, rC0))),
         last);
     // Signed compares: 80..BF are -128..-65.
-    const __mmask64 prev1IsContinuation = _mm512_cmpgt_epi8_mask(Bytes(0xC0), prev1);
+    const __mmask64 prev1IsContinuation = _mm512_cmpgt_epi8_mask(Bytes(rows, rC0), prev1);
     const __m512i fromPrev2 = _mm512_maskz_mov_epi8(
-        prev1IsContinuation, _mm512_and_si512(_mm512_slli_epi16(prev2, 4), Bytes(0xF0)));
+        prev1IsContinuation, _mm512_and_si512(_mm512_slli_epi16(prev2, 4), Bytes(rows, rF0)));
     const __m512i bits8to15 = _mm512_maskz_mov_epi8(
-        ~ascii,
-        _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(prev1, 2), Bytes(0x0F)), fromPrev2));
-    const __mmask64 fourByte = ~ascii & _mm512_cmpge_epu8_mask(prev3, Bytes(0xF0));
+        ~ascii, _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(prev1, 2), Bytes(rows, r0F)),
+                                fromPrev2));
+    const __mmask64 fourByte = ~ascii & _mm512_cmpge_epu8_mask(prev3, Bytes(rows, rF0));
     const __m512i bits16to20 = _mm512_maskz_mov_epi8(
-        fourByte, _mm512_or_si512(_mm512_and_si512(_mm512_slli_epi16(prev3, 2), Bytes(0x1C)),
-                                  _mm512_and_si512(_mm512_srli_epi16(prev2, 4), Bytes(0x03))));
+        fourByte, _mm512_or_si512(_mm512_and_si512(_mm512_slli_epi16(prev3, 2), Bytes(rows, r1C)),
+                                  _mm512_and_si512(_mm512_srli_epi16(prev2, 4), Bytes(rows, r03))));
     // Unpacking works within each 128-bit quarter: q0 holds positions
     // [0-3|16-19|32-35|48-51], q1 [4-7|20-23|...] and so on; the quarters
     // are then transposed into positions 0-15, 16-31, 32-47 and 48-63.
@@ -544,6 +561,8 @@ KALDO_AVX512 inline void EmitWindow64(const unsigned char* in, size_t p, uint64_
 
 KALDO_AVX512 void RunWindowsAvx512(const unsigned char* in, size_t size, wchar_t* out,
                                    WindowRun& run) {
+    const Row64* rows = kRows64;
+    __asm__("" : "+r"(rows));
     size_t p = run.p;
     size_t o = run.o;
     uint64_t lastEnds = 0;
@@ -553,19 +572,20 @@ KALDO_AVX512 void RunWindowsAvx512(const unsigned char* in, size_t size, wchar_t
     for (; p + 64 <= size; p += 64) {
         const __m512i current = Load64(in + p);
         const __m512i prev1 = Load64(in + p - 1);
-        const uint64_t continuations = _mm512_cmpgt_epi8_mask(Bytes(0xC0), current);
+        const uint64_t continuations = _mm512_cmpgt_epi8_mask(Bytes(rows, rC0), current);
         const uint64_t ends = ~continuations;
         if ((_mm512_movepi8_mask(prev1) | continuations) == 0) {
             Widen64(in + p - 1, out + o);
             o += 64;
         } else {
-            const __m512i faults = Faults64(current, prev1, Load64(in + p - 2), Load64(in + p - 3));
+            const __m512i faults =
+                Faults64(rows, current, prev1, Load64(in + p - 2), Load64(in + p - 3));
             if (_mm512_test_epi64_mask(faults, faults) != 0) {
                 run.faulty = true;
                 run.faultyEnd = p + 64;
                 break;
             }
-            EmitWindow64(in, p, ends, out, o);
+            EmitWindow64(rows, in, p, ends, out, o);
         }
         if (ends != 0) {
             lastEnds = ends;
