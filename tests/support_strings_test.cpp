@@ -17,24 +17,14 @@ using Pieces = std::vector<std::wstring>;
 namespace {
 
 constexpr size_t npos = std::wstring::npos;
-const std::wstring R = L"\uFFFD";
-
-TEST(Utf8, DecodingAndEncodingTable) {
-    // clang-format off
-    const std::pair<std::string, std::wstring> cases[] = {
-        {"a\xC3\xA9\xE2\x82\xAC", L"a\u00E9\u20AC"}, {std::string("a\0b", 3), std::wstring(L"a\0b", 3)},
-        {"\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF", L"\U0001F600\U0010FFFF"},
-        {"\xEF\xBB\xBFx", L"\uFEFFx"},  // a BOM is only dropped from files
-        {"\x80\xC0\xAF", R + R + R},     // a stray continuation byte, an overlong "/"
-        {"\xED\xA0\x80\xF4\x90\x80\x80", R + R + R + R + R + R + R},  // surrogate, above U+10FFFF
-        {"\xF0\x9F\x98\xE2\x82", R + R}};  // cut short by another sequence, by the end
-    // clang-format on
-    for (const auto& [bytes, text] : cases) {
-        EXPECT_EQ(CStringUtils::StringToWString(bytes), text) << testing::PrintToString(bytes);
-        if (text.find(R) == npos) {
-            EXPECT_EQ(CStringUtils::WStringToString(text), bytes);
-        }
-    }
+// Decoding rules against a reference below; here the round trip and what
+// cannot be encoded.
+TEST(Utf8, EncodingRoundTrip) {
+    const std::string bytes("a\0\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF\xEF\xBB\xBF",
+                            18);
+    const std::wstring text(L"a\0\u00E9\u20AC\U0001F600\U0010FFFF\uFEFF", 7);
+    EXPECT_EQ(CStringUtils::StringToWString(bytes), text);
+    EXPECT_EQ(CStringUtils::WStringToString(text), bytes);
     const std::wstring unencodable{wchar_t(0xD800), wchar_t(0x110000)};
     EXPECT_EQ(CStringUtils::WStringToString(unencodable), "\xEF\xBF\xBD\xEF\xBF\xBD");
 }
@@ -66,10 +56,9 @@ std::wstring ReferenceDecode(const std::string& bytes) {
     return out;
 }
 
-// ASCII runs (the 16-byte steps), characters of every length at a random
-// density (the 32-byte windows and the straight-line path) and broken
-// sequences (the careful path), then a few bytes changed; decoded from an
-// exact-size copy so that a sanitizer build sees any read past the end.
+// ASCII runs, characters of every length at a random density and broken
+// sequences reach every step of each path; the exact-size copy lets a
+// sanitizer build see any read past the end.
 TEST(Utf8, EveryDecoderPathAgreesWithTheReference) {
     static const uint32_t kPoints[] = {0x7F,   0x80,   0x7FF,   0x800,   0xD7FF,
                                        0xE000, 0xFFFF, 0x10000, 0x10FFFF};
@@ -102,7 +91,7 @@ TEST(Utf8, EveryDecoderPathAgreesWithTheReference) {
     }
 }
 
-TEST(Text, NumbersAffixesTrimAndSeparate) {
+TEST(Text, NumbersTrimAndSeparate) {
     // clang-format off
     const std::pair<const wchar_t*, int> numbers[] = {{L"4.3.12", 4}, {L"\u00A0\t-12 ", -12},
         {L"- 5", 0}, {L"2147483648", INT_MAX}, {L"-99999999999999999999", INT_MIN}};
@@ -110,16 +99,6 @@ TEST(Text, NumbersAffixesTrimAndSeparate) {
     for (const auto& [text, value] : numbers)
         EXPECT_EQ(CStringUtils::StrToI32(text), value) << text;
     EXPECT_EQ(CStringUtils::I32ToStr(INT_MIN), L"-2147483648");
-    // clang-format off
-    const struct { const wchar_t *text, *affix; signed char flag; bool begins, ends; } affixes[] = {
-        {L"Win7.VMX", L"win7", 0, true, false}, {L"Win7.VMX", L".vmx", 0, false, true},
-        {L"Win7.VMX", L".vmx", 1, false, false}, {L"\u00C9t\u00E9", L"\u00E9", 0, false, true},
-        {L"abc", L"", 1, true, true}, {L"ab", L"abc", 0, false, false}};
-    // clang-format on
-    for (const auto& c : affixes) {
-        EXPECT_EQ(CStringUtils::BeginsWith(c.text, c.affix, c.flag), c.begins) << c.text << c.affix;
-        EXPECT_EQ(CStringUtils::EndsWith(c.text, c.affix, c.flag), c.ends) << c.text << c.affix;
-    }
     EXPECT_EQ(CStringUtils::Trim(L" \t\r\n\v\f\u00A0 a b \r\n"), L"a b");
     EXPECT_EQ(CStringUtils::Separate(L"a,,b,", L","), (Pieces{L"a", L"", L"b"}));
 }
@@ -150,8 +129,6 @@ TEST(Parse, SectionBeginEndAndPosition) {
     EXPECT_EQ(Parse(text, L"NIC", L": ", L"\n", &pos), L"b");
     EXPECT_EQ(Parse(text, L"NIC", L": ", L"\n", &pos), L"");
     EXPECT_EQ(pos, npos);  // "c" has no end marker
-    EXPECT_EQ(Parse(text, L"", L"NIC", L":", &pos), L"");
-    EXPECT_EQ(pos, npos);  // a failed position stays failed
 }
 
 // Markers: ASCII letters fold, nothing else does; a line feed also matches
@@ -169,54 +146,6 @@ TEST(Parse, MarkerMatchingRules) {
     // clang-format on
     for (const auto& c : cases)
         EXPECT_EQ(Parse(c[0], L"", c[1], c[2]), c[3]) << testing::PrintToString(std::wstring(c[0]));
-}
-
-TEST(ParseEx, SectionsAppendReplaceLimitAndTruncation) {
-    const std::wstring xml =
-        L"<VirtualMachine><VmHome>/a.pvm</VmHome></VirtualMachine><VirtualMachine><Other/>"
-        L"</VirtualMachine><VirtualMachine><VmHome>/b.pvm</VmHome><VirtualMachine><VmHome>/cut";
-    const auto ex = [&xml](Pieces& list, const wchar_t* section, const wchar_t* end, int max,
-                           int append) {
-        return CStringUtils::ParseSubstringFromStringEx(xml, list, section, L"<VmHome>", end, max,
-                                                        append);
-    };
-    Pieces list{L"kept"};
-    EXPECT_EQ(ex(list, L"<VirtualMachine>", L"</VmHome>", 0, 1), 2);
-    EXPECT_EQ(list, (Pieces{L"kept", L"/a.pvm", L"/b.pvm"}));
-    EXPECT_EQ(ex(list, L"", L"</VmHome>", 1, 0), 1);
-    EXPECT_EQ(ex(list, L"", L"", 0, 0), KALDO::kInvalidArgument);
-    EXPECT_EQ(list, Pieces{L"/a.pvm"});
-}
-
-// Marker searches jump between occurrences of one character of the marker or,
-// for all-letter markers, scan folded: over a small alphabet, where near
-// misses are everywhere, they must find what a plain folded search finds.
-TEST(Extract, MarkerSearchAgreesWithAPlainFoldedSearch) {
-    const auto lower = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? c + 32 : c; };
-    std::mt19937 rng(11);
-    const auto random = [&rng](size_t length, size_t alphabet) {
-        std::wstring text;
-        while (text.size() < length) text += L"aAbB= \"<\u00E9|"[rng() % alphabet];
-        return text;
-    };
-    for (int round = 0; round < 20000; ++round) {
-        const std::wstring text = random(rng() % 60, 10), begin = random(1 + rng() % 4, 9);
-        const size_t from = rng() % (text.size() + 2);
-        size_t expectedPos = npos, b = from;
-        for (; b + begin.size() <= text.size(); ++b) {
-            size_t i = 0;
-            while (i < begin.size() && lower(text[b + i]) == lower(begin[i])) ++i;
-            if (i == begin.size()) break;
-        }
-        if (b + begin.size() <= text.size() && text.find(L'|', b + begin.size()) != npos)
-            expectedPos = b + begin.size();
-        size_t pos = 0;
-        const std::wstring value =
-            CStringUtils::ExtractStringBetweenEnhance(text, begin, L"|", from, &pos);
-        ASSERT_EQ(pos, expectedPos) << testing::PrintToString(CStringUtils::WStringToString(text))
-                                    << " " << testing::PrintToString(begin) << " from " << from;
-        ASSERT_EQ(value, pos == npos ? L"" : text.substr(pos, text.find(L'|', pos) - pos));
-    }
 }
 
 }  // namespace
