@@ -33,42 +33,25 @@ Keys KeysOf(const typeProperty& map) {
 TEST(TypeProperty, KindsInsertionOrderAndReplaceInPlace) {
     typeProperty map, vec, str = Str(L"text");
     EXPECT_EQ(map.addMapVal(L"b", L"1") + vec.addVecVal(L"x"), 0);  // empty becomes either kind
-    // Adds of the other kind fail and change nothing.
-    EXPECT_EQ(map.addVecVal(L"x"), kInvalidArgument);
-    EXPECT_EQ(vec.addSubTree(L"k", Int(1)), kInvalidArgument);
-    EXPECT_EQ(str.addInteger(L"k", 1), kInvalidArgument);
-    EXPECT_EQ(str.addVecVal(Int(1)), kInvalidArgument);
+    // Adds and lookups of the other kind, or of nothing, fail and change nothing.
+    std::wstring out = L"untouched";
+    std::vector<typeProperty> list;
+    EXPECT_EQ(map.addVecVal(L"x") + vec.addSubTree(L"k", Int(1)), 2 * kInvalidArgument);
+    EXPECT_EQ(str.addInteger(L"k", 1) + str.addVecVal(Int(1)), 2 * kInvalidArgument);
+    EXPECT_EQ(map.lookupString(L"missing", out) + vec.getVecVal(1, out), 2 * kNotFound);
+    EXPECT_EQ(str.lookupString(L"k", out), kNotFound);
     EXPECT_EQ(vec.vecEntries()->size(), 1u);
     EXPECT_EQ(str, Str(L"text"));
-    str.changeTypeToMap();
-    EXPECT_TRUE(KeysOf(str).empty());
 
     map.addMapVal(L"a", 2);
     map.addMapVal(L"c", Str(L"3"));
+    EXPECT_EQ(map.lookupString(L"a", out) + map.getMapVal(L"c", list), 2 * kInvalidArgument);
+    EXPECT_EQ(out, L"untouched");
     EXPECT_EQ(map.addString(L"b", L"again"), 0);
     map.addMapVal(L"a", L"now a string");  // replacing may change the kind
     EXPECT_EQ(KeysOf(map), (Keys{L"b", L"a", L"c"}));
     EXPECT_EQ(*map.findMapVal(L"b"), Str(L"again"));
     EXPECT_EQ(*map.findMapVal(L"a"), Str(L"now a string"));
-}
-
-TEST(TypeProperty, MissingAndWrongKindLookupsChangeNothing) {
-    typeProperty map, vec;
-    map.addMapVal(L"s", L"text");
-    map.addMapVal(L"i", 5);
-    vec.addVecVal(Int(1));
-    std::wstring str = L"untouched";
-    int number = -1;
-    std::vector<typeProperty> list;
-    // clang-format off
-    const std::pair<int, int> codes[] = {
-        {map.lookupString(L"missing", str), kNotFound}, {map.lookupString(L"i", str), kInvalidArgument},
-        {map.getMapVal(L"s", number), kInvalidArgument}, {map.getMapVal(L"s", list), kInvalidArgument},
-        {vec.getVecVal(0, str), kInvalidArgument}, {vec.getVecVal(1, str), kNotFound},
-        {map.getVecSize(number), kInvalidArgument}, {Int(4).lookupString(L"s", str), kNotFound}};
-    // clang-format on
-    for (size_t i = 0; i < std::size(codes); ++i) EXPECT_EQ(codes[i].first, codes[i].second) << i;
-    EXPECT_EQ(str + std::to_wstring(number), L"untouched-1");
 }
 
 TEST(TypeProperty, CopiesAreDeepAndAliasingIsSafe) {
@@ -132,24 +115,19 @@ TEST(TypeProperty, VirtualSlotOrder) {
     EXPECT_EQ(*t.findMapVal(L"n"), Int(5));
 }
 
-TEST(ErrorLog, RecordsFailuresOnlyAndKeepsTheNewest) {
+TEST(ErrorLog, RecordsFailuresOnlyKeepsTheNewestAndLosesNone) {
     CErrorInfo::clearErrors();
     EXPECT_EQ(CErrorInfo::addIfError(0, L"f", 1) + CErrorInfo::addIfError(3, L"f", 2), 3);
     EXPECT_EQ(CErrorInfo::addIfError(-4, nullptr, 3), -4);
     EXPECT_EQ(CErrorInfo::getErrors(), (std::vector<ErrorRecord>{{-4, L"", 3}}));
-    CErrorInfo::clearErrors();
     const int total = static_cast<int>(CErrorInfo::kMaxRecords) + 10;
-    for (int i = 0; i < total; ++i) CErrorInfo::addIfError(-1, L"f", i);
+    for (int i = 4; i < total; ++i) CErrorInfo::addIfError(-1, L"f", i);
     const auto records = CErrorInfo::getErrors();
     ASSERT_EQ(records.size(), CErrorInfo::kMaxRecords);
     EXPECT_EQ(records.front().line, 10);
     EXPECT_EQ(records.back().line, total - 1);
-    EXPECT_EQ(CErrorInfo::droppedCount(), 10u);
+    EXPECT_EQ(CErrorInfo::droppedCount(), 7u);
     CErrorInfo::clearErrors();
-    EXPECT_EQ(CErrorInfo::droppedCount(), 0u);
-}
-
-TEST(ErrorLog, ConcurrentRecordersLoseNothing) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t)
         threads.emplace_back([t] {
@@ -173,8 +151,6 @@ TEST(Inputs, CallerInputsWinAndDefaultsFillTheRest) {
     EXPECT_EQ(merged, inputs);  // another context has no defaults
     list.addVecVal(L"a");
     EXPECT_EQ(CDbUtils::getInputsForMethod(1, 2, 3, nullptr, &list, &merged), kInvalidArgument);
-    EXPECT_EQ(CDbUtils::registerDefaultInputs(0, 0, 0, list), kInvalidArgument);
-    EXPECT_EQ(merged, inputs);
     CDbUtils::clearDefaultInputs();
 }
 
