@@ -126,6 +126,18 @@ TEST(ExecuteSafeToText, AHangingToolIsKilledAtTheLimit) {
     }
 }
 
+// Module tests write the facts one way; a trailing slash and a missing gid here.
+TEST(ConsoleUser, ComesFromTheMachineFacts) {
+    TestMachine mac;
+    std::wstring home = L"unchanged";
+    int uid = -1, gid = -1;
+    EXPECT_EQ(CAppleUtils::GetCurrentLoggedInUserInfo(home, &uid, &gid), kNotFound);
+    mac.setConsoleUser("ann", 501, "/Users/ann/");
+    EXPECT_EQ(CAppleUtils::GetCurrentLoggedInUserInfo(home, &uid, &gid), 0);
+    EXPECT_EQ(home + L" " + std::to_wstring(uid) + L" " + std::to_wstring(gid),
+              L"/Users/ann 501 501");
+}
+
 TEST(PropertyLists, XmlAndBinaryReadTheSameTaggedTree) {
     TestMachine mac;
     const std::string xml =
