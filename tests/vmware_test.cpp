@@ -1,10 +1,9 @@
-// VMware Fusion: the VM library of Fusion 1-4 and 5, the .vmx reader, and the
-// power actions and snapshots through vmrun.
+// VMware Fusion: the VM library of Fusion 1-4 and 5, the state rules and the
+// reader's failures, and vmrun's actions and answers. The corpus suite covers
+// the guest-OS table, the adapters and the usual states.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <sstream>
-#include <tuple>
 
 #include "KALDO/Failpoints.h"
 #include "TestMachine.h"
@@ -18,12 +17,8 @@ namespace {
 const std::string kHome = "/Users/ann";
 const std::string kBundle = kHome + "/VMs/Win.vmwarevm";
 const std::string kVmx = kBundle + "/Win.vmx";
+const std::string kVmxText = "displayName = \"W\"\nguestOS = \"ubuntu\"\n";
 
-std::string Vmx(const std::string& guest, const std::string& more = "") {
-    return "displayName = \"VM " + guest + "\"\nguestOS = \"" + guest + "\"\n" + more;
-}
-
-// The last code the call recorded against the adapter's file (0: none).
 int AdapterError(const std::vector<KALDO::ErrorRecord>& errors) {
     auto own = implvm_test::ErrorsFrom(errors, "ImplVirtualMachine_VmWare.cpp");
     return own.empty() ? 0 : own.back().code;
@@ -35,8 +30,8 @@ protected:
     implvm_test::TestMachine mac;
     implvm_test::FakeTool* vmrun = nullptr;
 
-    // A fresh vmrun that answers each run with the next of `outs` (exit
-    // status 1 for an "Error" text, else 0), the last one repeating.
+    // Each run answers the next of `outs` (exit 1 for an "Error" text unless
+    // exitCode says otherwise), the last one repeating.
     void Vmrun(const std::vector<std::string>& outs, int exitCode = -1) {
         vmrun = &mac.installTool("/Applications/VMware Fusion.app/Contents/Library/vmrun");
         for (const std::string& out : outs)
@@ -47,107 +42,81 @@ protected:
         for (const auto& run : vmrun->invocations()) runs.push_back(run.args);
         return runs;
     }
+    // Space-separated names in the bundle; a trailing "/x" makes a folder.
+    void Files(const std::string& names) {
+        std::istringstream in(names);
+        for (std::string f; in >> f;)
+            mac.writeFile(kBundle + "/" + f, f.ends_with(".vmx") ? kVmxText : "");
+    }
 };
 
 TEST_F(VmWare, Fusion1LibraryFromEitherFavouritesForm) {
     const std::string prefs = kHome + "/Library/Preferences/com.vmware.fusion.plist";
     const std::string older =
-        "<key>VMFavoritesListDefaults</key><array><string>/v/A.vmx</string>"
-        "<string></string>";
+        "<key>VMFavoritesListDefaults</key><array><string>/v/A.vmx</string><string></string>";
     const std::string newer =
         "<key>VMFavoritesListDefaults2</key><array><dict><key>path</key>"
         "<string>/v/C.vmx</string></dict>";
+    // A bad entry fails the list; EnumerateVMs still publishes what came before.
     // clang-format off
     struct { std::string dict; int code; std::vector<std::string> vms; } const cases[] = {
         {older + "</array>", 0, {"/v/A.vmx", ""}},
         {newer + "</array>", 0, {"/v/C.vmx"}},
         {older + "</array>" + newer + "</array>", 0, {"/v/A.vmx", ""}},  // never merged
-        {"<key>x</key><string>y</string>", 0, {}},
-        // A bad entry fails the list; EnumerateVMs still publishes what came before.
-        {older + "<dict/></array>", -1, {"/v/A.vmx", ""}},
         {newer + "<dict/></array>", -1, {"/v/C.vmx"}},
         {"", -1, {}},  // no preferences file
     };
     // clang-format on
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.dict);
         mac.remove(prefs);
         if (!c.dict.empty())
             mac.writeFile(prefs, "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict>" + c.dict +
                                      "</dict></plist>\n");
         KALDO::CErrorInfo::clearErrors();
         std::vector<std::wstring> vms;
-        EXPECT_EQ(VirtualMachineImpl_VmWareFusion1_GetAllVms(vms), c.code) << c.dict;
-        EXPECT_EQ(AdapterError(KALDO::CErrorInfo::getErrors()), c.code) << c.dict;
+        EXPECT_EQ(VirtualMachineImpl_VmWareFusion1_GetAllVms(vms), c.code);
+        EXPECT_EQ(AdapterError(KALDO::CErrorInfo::getErrors()), c.code);
         auto r = Call(VirtualMachineImpl_VmWareFusion1_EnumerateVMs);
         EXPECT_EQ(r.result, 0);
-        EXPECT_EQ(r.outputs, (Json{{"VMs", c.vms}})) << c.dict;
+        EXPECT_EQ(r.outputs, (Json{{"VMs", c.vms}}));
     }
 }
 
-TEST_F(VmWare, Fusion5Inventory) {
+TEST_F(VmWare, Fusion5InventoryMeetsARepeatedPathAgain) {
+    // The scan resumes after a path's first occurrence, so one that also
+    // stands earlier (index0.id) is met twice; an unterminated entry ends it.
     const std::string inventory = kHome + "/Library/Application Support/VMware Fusion/vmInventory";
-    // An empty entry is stepped over; a path that also stands earlier in the
-    // text (index0.id) is met twice, since the scan resumes after its first
-    // occurrence; an unterminated last entry ends the scan.
     mac.writeFile(inventory, "vmlist1.config = \"" + kVmx + "\"\nvmlist2.Config = \"\"\n" +
                                  "vmlist3.config = \"/v/U.vmx\"\nindex0.id = \"" + kVmx +
                                  "\"\nvmlist4.config = \"" + kVmx + "\"\nvmlist5.config = \"/v");
     auto r = Call(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs);
     EXPECT_EQ(r.outputs, (Json{{"VMs", {kVmx, "/v/U.vmx", kVmx, kVmx}}}));
-    mac.remove(inventory);  // no Fusion 5 library: empty, nothing recorded
+    mac.remove(inventory);
     r = Call(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs);
     EXPECT_EQ(r.outputs, (Json{{"VMs", Json::array()}}));
     EXPECT_TRUE(r.result == 0 && r.errors.empty());
 }
 
-TEST_F(VmWare, GuestOsTableFirstMatchWins) {
-    // clang-format off
-    const std::tuple<std::string, std::string, int> cases[] = {
-        {"winnt", "Windows NT", 3}, {"winnt4", "Unknown OS", 0}, {"winxppro-64", "Windows XP x64 Edition", 3},
-        {"windows7srv-64", "Windows Server 2008 R2", 3}, {"vmkernel5", "VMware ESX", 0},
-    };
-    // clang-format on
-    for (const auto& [guest, name, type] : cases) {
-        mac.writeFile(kVmx, Vmx(guest));
-        auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMInfo, {{"Name", kVmx}}, "3.1.2");
-        EXPECT_EQ(r.outputs, (Json{{"UserFriendlyName", "VM " + guest},
-                                   {"OS", {{"Type", type}, {"Distribution", name}}},
-                                   {"State", 3}}));
-    }
-}
-
-TEST_F(VmWare, StateByFusionVersionAndReaderFailures) {
+TEST_F(VmWare, StateRulesAndReaderFailures) {
     const std::string on = "VMAutomation_Pause: pause = TRUE\n";
-    const std::string off = "VMAutomation_Pause: pause = FALSE\n";
     const std::string ps = "  PID COMMAND\n 77 vmware-vmx " + kVmx + "\n";
-    const std::string crlf = "displayName = \"W\"\r\nguestOS = \"ubuntu\"\r\nvmState = \"\"\r\n";
-    const std::string vmx = Vmx("ubuntu"),
-                      readLog = "ReadFromTextFile@" + kBundle + "/vmware.log=-32";
+    const std::string readLog = "ReadFromTextFile@" + kBundle + "/vmware.log=-32";
     // clang-format off
     struct {
         std::string version, name, vmx, ps, log, files, failpoint;
         int expect;  // > 0: the state; else the code of both methods, which write nothing
     } const cases[] = {
-        // 5 and later: vmState, else the process table and the log beside the .vmx.
-        {"5.0.3", kVmx, Vmx("ubuntu", "vmState = \"off\"\n"), ps, on, "", "", 3},
-        {"5.0.3", kVmx, vmx, "  PID COMMAND\n 5 vmware-vmx /v/U.vmx\n", on, "", "", 3},
-        {"5.0.3", kVmx, vmx, ps, on + off, "", "", 1},
-        {"6.0", kVmx, vmx, ps, on + off + on, "", "", 2},
-        {"5.0.3", kVmx, crlf, ps, off + on, "", "", 2},
-        {"4.1", kBundle, vmx, ps, on, "", "", 2},  // 4: the log in the bundle that names the VM
-        // Before 4, and without a version: the memory file and its lock.
-        {"3.1.2", kVmx, vmx, "", "", "Win.vmem.lck/x", "", 3},
-        {"3.1.2", kVmx, vmx, "", "", "Win.vmem Win.vmem.lck/x", "", 1},
-        {"", kBundle, vmx, "", "", "Win.vmem", "", 2},
+        {"5.0.3", kVmx, kVmxText + "vmState = \"off\"\n", ps, on, "", "", 3},
+        {"3.1.2", kVmx, kVmxText, "", "", "Win.vmem.lck/x", "", 3},  // a lock without memory
+        {"3.1.2", kVmx, kVmxText, "", "", "Win.vmem Win.vmem.lck/x", "", 1},
         {"", kBundle + "/Gone.vmx", "", "", "", "A.vmx", "", 3},  // the folder's only .vmx
-        // Failures.
         {"", kBundle + "/Gone.vmx", "", "", "", "A.vmx B.vmx", "", -1},  // which one cannot be told
-        {"", kBundle, "", "", "", "", "", -1},
-        {"5.0", kVmx, vmx, "", on, "", "", -1},  // empty process listing
-        {"5.0", kVmx, vmx, ps, "", "", "", -1},  // no vmware.log
-        {"5.0", kVmx, vmx, ps, on, "", readLog, -32},
-        {"4.0", kVmx, vmx, ps, on, "", "", -1},  // 4 looks inside the identifier
-        {"3.0", kVmx, vmx, "", "", "", "GetDirectoryList=-4", -4},
+        {"5.0", kVmx, kVmxText, "", on, "", "", -1},  // empty process listing
+        {"5.0", kVmx, kVmxText, ps, "", "", "", -1},  // no vmware.log
+        {"5.0", kVmx, kVmxText, ps, on, "", readLog, -32},
+        {"4.0", kVmx, kVmxText, ps, on, "", "", -1},  // 4 looks inside the identifier
+        {"3.0", kVmx, kVmxText, "", "", "", "GetDirectoryList=-4", -4},
     };
     // clang-format on
     for (const auto& c : cases) {
@@ -156,9 +125,7 @@ TEST_F(VmWare, StateByFusionVersionAndReaderFailures) {
         if (!c.vmx.empty()) mac.writeFile(kVmx, c.vmx);
         mac.installTool("/bin/ps").respond(c.ps);
         if (!c.log.empty()) mac.writeFile(kBundle + "/vmware.log", "x\n" + c.log + "y\n");
-        std::istringstream files(c.files);
-        for (std::string f; files >> f;)
-            mac.writeFile(kBundle + "/" + f, f.ends_with(".vmx") ? Vmx("winxp") : "");
+        Files(c.files);
         ASSERT_EQ(KALDO::CFailpoints::Set(c.failpoint), 0);
         for (ImplVmMethod* method : {VirtualMachineImpl_VmWareFusion1_GetVMInfo,
                                      VirtualMachineImpl_VmWareFusion1_GetVMNetwork}) {
@@ -171,34 +138,6 @@ TEST_F(VmWare, StateByFusionVersionAndReaderFailures) {
             }
         }
     }
-}
-
-TEST_F(VmWare, NetworkAdapters) {
-    const auto adapter = [](const char* name, int type, int connected) {
-        Json a = {{"Name", name}};
-        if (type) a["Type"] = type;
-        a["IsConnected"] = connected;
-        a["MacAddress"] = "";
-        return a;
-    };
-    // Absent "FALSE" ones keep their numbers; the first index without "present" ends them.
-    mac.writeFile(kVmx, Vmx("ubuntu", R"(ethernet0.present = "FALSE"
-ethernet1.present = "TRUE"
-ethernet1.connectionType = "bridged"
-ethernet1.startConnected = "FALSE"
-ethernet2.present = "yes"
-ethernet2.connectionType = "nat"
-ethernet3.present = "TRUE"
-ethernet3.connectionType = "custom"
-ethernet5.present = "TRUE"
-)"));
-    auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kVmx}}, "3.1");
-    EXPECT_EQ(r.outputs, (Json{{"Networks",
-                                {adapter("Network 2", 2, 0), adapter("Network 3", 1, 1),
-                                 adapter("Network 4", 0, 1)}}}));
-    mac.writeFile(kVmx, Vmx("ubuntu", "ethernet1.present = \"TRUE\"\n"));
-    r = Call(VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kVmx}}, "3.1");
-    EXPECT_EQ(r.outputs, (Json{{"Networks", nullptr}})) << "never typed: shown as null";
 }
 
 TEST_F(VmWare, VmrunAnswersOfAFailingExit) {
@@ -217,12 +156,12 @@ TEST_F(VmWare, VmrunAnswersOfAFailingExit) {
     };
     // clang-format on
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.out);
         Vmrun({c.out}, c.exitCode);
-        EXPECT_EQ(Call(VirtualMachineImpl_VmWareFusion1_StartVM, {{"Name", kVmx}}).result, c.power)
-            << c.out;
+        EXPECT_EQ(Call(VirtualMachineImpl_VmWareFusion1_StartVM, {{"Name", kVmx}}).result, c.power);
         const Json snap = {{"Name", kVmx}, {"Snapshot", "s 1"}};
         auto r = Call(VirtualMachineImpl_VmWareFusion4_AddSnapshot, snap);
-        EXPECT_EQ(r.result, c.snapshot) << c.out;
+        EXPECT_EQ(r.result, c.snapshot);
         EXPECT_EQ(implvm_test::ErrorsFrom(r.errors, "_VmWare.cpp").size(), c.snapshot ? 2u : 0u);
         EXPECT_EQ(Call(VirtualMachineImpl_VmWareFusion4_DeleteSnapshot, snap).result, c.snapshot);
         EXPECT_EQ(
@@ -236,13 +175,7 @@ TEST_F(VmWare, StopAndSuspendByState) {
     const auto suspend = VirtualMachineImpl_VmWareFusion1_SuspendVM;
     // Fusion 3: the memory and lock files give the state.
     // clang-format off
-    struct {
-        ImplVmMethod* method;
-        std::string files;
-        std::vector<std::string> answers;
-        Runs runs;
-        int code;
-    } const cases[] = {
+    struct { ImplVmMethod* method; std::string files; std::vector<std::string> answers; Runs runs; int code; } const cases[] = {
         {stop, "", {""}, {}, 0},
         {stop, "Win.vmem.lck/x Win.vmem", {""}, {{"stop", kVmx}}, 0},
         {stop, "Win.vmem", {""}, {{"start", kVmx}, {"stop", kVmx}}, 0},
@@ -254,13 +187,13 @@ TEST_F(VmWare, StopAndSuspendByState) {
     };
     // clang-format on
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.files);
         mac.remove(kBundle);
-        mac.writeFile(kVmx, "displayName = \"Win\"\nguestOS = \"winxppro\"\n");
-        std::istringstream files(c.files);
-        for (std::string f; files >> f;) mac.writeFile(kBundle + "/" + f, "");
+        mac.writeFile(kVmx, kVmxText);
+        Files(c.files);
         Vmrun(c.answers);
-        EXPECT_EQ(Call(c.method, {{"Name", kVmx}}, "3.1.2").result, c.code) << c.files;
-        EXPECT_EQ(Ran(), c.runs) << c.files;
+        EXPECT_EQ(Call(c.method, {{"Name", kVmx}}, "3.1.2").result, c.code);
+        EXPECT_EQ(Ran(), c.runs);
     }
 }
 
@@ -268,10 +201,8 @@ TEST_F(VmWare, ListSnapshotsSplitsOnCrLfOnly) {
     // clang-format off
     struct { std::string out; int code; Json snapshots; } const cases[] = {
         {"Total snapshots: 2\r\nsnap1\r\nsnap 2\r\n", 0, {{{"Snapshot", "snap1"}}, {{"Snapshot", "snap 2"}}}},
-        {"Total snapshots: 0\r\n", 0, Json::array()},
         {"Total snapshots: 2\nsnap1\nsnap2\n", 0, Json::array()},
         {"Error: Cannot open VM: x", -6, nullptr},
-        {"Error: Cannot lock VM", -1, nullptr},
     };
     // clang-format on
     for (const auto& c : cases) {
