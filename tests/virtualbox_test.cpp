@@ -1,5 +1,6 @@
 // The VirtualBox adapter with a fake VBoxManage playing showvminfo reports,
-// two of them of older VirtualBox generations (tests/data/virtualbox).
+// one of an older generation (tests/data/virtualbox). The simulated Mac's
+// end-to-end tests cover VirtualBox 7's reports and start, stop and pause.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -21,6 +22,7 @@ const std::string kTool = kApp + "/Contents/MacOS/VBoxManage";
 const std::string kWin7 = kHome + "/VirtualBox VMs/Win7/Win7.vbox";
 const std::string kUuid = "0b8e4f2a-6c1d-4e8b-9d3a-5f7e2c1b0a99";
 const std::string kRunning = "State:           running (since 2024-03-01T10:00:00.000000000)\n";
+const std::string kNat = "MAC: 0800271A2B3C, Attachment: NAT, Cable connected: on\n";
 
 std::string Data(const std::string& name) {
     std::ifstream in(std::string(IMPLVM_SOURCE_DIR) + "/tests/data/virtualbox/" + name);
@@ -29,19 +31,17 @@ std::string Data(const std::string& name) {
     return text.str();
 }
 
-// The lines the reader looks at, as VirtualBox prints them (value padded).
 std::string Report(const std::string& lines) {
     return "Name:            Win7\nGroups:          /\n" + lines + "Pointing Device: USB Tablet\n";
 }
 
-Json Nic(int n, int type, int connected) {
+Json Nic(int n, int type) {
     return {{"Name", "Adapter " + std::to_string(n)},
             {"Type", type},
-            {"IsConnected", connected},
+            {"IsConnected", 1},
             {"MacAddress", ""}};
 }
 
-// The codes the call recorded, all of them against the adapter's file.
 Codes Recorded(const implvm_test::CallResult& r) {
     Codes codes;
     for (const auto& e : implvm_test::ErrorsFrom(r.errors, "ImplVirtualMachine_VirtualBox.cpp"))
@@ -64,12 +64,11 @@ struct VBoxMac {
 TEST(VirtualBox, EnumeratesByTheLayoutOfTheMajorVersion) {
     const std::string dir = kHome + "/Library/VirtualBox/";
     const Json v3 = {dir + "Machines/WinXP/WinXP.xml", dir + "Machines/Debian/Debian.xml"};
-    const Json v4 = {kWin7, kHome + "/VirtualBox VMs/Ubuntu 22.04/Ubuntu 22.04.vbox"};
     // clang-format off
     struct { std::string xml, version; Json vms; } const rows[] = {
         {Data("VirtualBox-3.2.xml"), "3.2.12", v3},
         {Data("VirtualBox-3.2.xml"), "", v3},  // no version record: read as 0
-        {Data("VirtualBox-4.3.xml"), "4.3.12r93733", v4},
+        {Data("VirtualBox-4.3.xml"), "4.3.12r93733", {kWin7, kHome + "/VirtualBox VMs/Ubuntu 22.04/Ubuntu 22.04.vbox"}},
         // Only a src that closes the element is cut out bare.
         {"<MachineEntry src=\"/x.vbox\" uuid=\"{1}\"/>", "5.0", {"/x.vbox\" uuid=\"{1}"}},
         {"", "4.3.12", Json::array()},  // no VirtualBox.xml: recorded
@@ -86,23 +85,22 @@ TEST(VirtualBox, EnumeratesByTheLayoutOfTheMajorVersion) {
 }
 
 TEST(VirtualBox, DescribesTheShowvminfoReport) {
-    const std::string nat = "MAC: 0800271A2B3C, Attachment: NAT, Cable connected: on\n";
     const std::string xp = "9a7d4c21-3b5e-4f60-8e12-c4d5e6f7a8b9";
     // Networks null: no adapter.
     // clang-format off
     struct { std::string report, uuid, name, os; int type, state; Json networks; } const rows[] = {
-        {Data("showvminfo-3.2-winxp.txt"), xp, "WinXP", "Windows XP", 3, 2, {Nic(1, 1, 1), Nic(2, 3, 1)}},
-        {Data("showvminfo-4.3-win7.txt"), kUuid, "Win7", "Windows 7 (64-bit)", 3, 3, {Nic(1, 1, 1), Nic(2, 2, 1)}},
+        {Data("showvminfo-3.2-winxp.txt"), xp, "WinXP", "Windows XP", 3, 2, {Nic(1, 1), Nic(2, 3)}},
         // The family table's word is spelt so; the state is cut at the next "(".
         {Report("Guest OS:        Xasndros 2\n" + kRunning), kUuid, "Win7", "Xasndros 2", 1, 1, nullptr},
         {Report("Guest OS:        Xandros\nState:              (since x)\n"), kUuid, "Win7", "Xandros", 0, 2, nullptr},
-        {Report("State:           running\nVRDE:   off (x)\nNIC 2:           " + nat), kUuid, "Win7", "", 0, 1, nullptr},
+        {Report("State:           running\nVRDE:   off (x)\nNIC 2:           " + kNat), kUuid, "Win7", "", 0, 1, nullptr},
         // The adapters end at the first number the report does not mention.
-        {Report(kRunning + "NIC 1:           " + nat + "NIC 3:           " + nat), kUuid, "Win7", "", 0, 1, {Nic(1, 1, 1)}},
+        {Report(kRunning + "NIC 1:           " + kNat + "NIC 3:           " + kNat), kUuid, "Win7", "", 0, 1, {Nic(1, 1)}},
         {"Name:            \n" + kRunning, kUuid, "", "", 0, 1, nullptr},  // blanks trim to ""
     };
     // clang-format on
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.report);
         VBoxMac m(row.uuid);
         m.tool.respond(row.report);
         const auto info = Call(VirtualMachineImpl_VirtualBox2_GetVMInfo, {{"Name", kWin7}});
@@ -110,7 +108,7 @@ TEST(VirtualBox, DescribesTheShowvminfoReport) {
         const Json os = {{"Type", row.type}, {"Distribution", row.os}};
         EXPECT_EQ(info.outputs,
                   Json({{"UserFriendlyName", row.name}, {"OS", os}, {"State", row.state}}));
-        EXPECT_EQ(net.outputs, Json({{"Networks", row.networks}})) << row.report;
+        EXPECT_EQ(net.outputs, Json({{"Networks", row.networks}}));
         EXPECT_EQ(m.tool.invocations().at(0).args, (Args{"showvminfo", row.uuid}));
     }
 }
@@ -121,7 +119,6 @@ TEST(VirtualBox, DescriptionFailuresAreRecordedAndWriteNothing) {
     struct { std::string remove, uuid, report; int exit; } const rows[] = {
         {kApp, kUuid, ok, 0},
         {kWin7, kUuid, ok, 0},
-        {"", "", ok, 0},  // no UUID in the settings
         {kTool, kUuid, ok, 0},
         {"", kUuid, ok, 1},
         {"", kUuid, "Name: \n" + kRunning, 0},
@@ -145,31 +142,20 @@ TEST(VirtualBox, DescriptionFailuresAreRecordedAndWriteNothing) {
     }
 }
 
-TEST(VirtualBox, PowerMethodsRunTheStandardToolWithTheirArguments) {
-    const std::pair<ImplVmMethod*, Args> rows[] = {
-        {VirtualMachineImpl_VirtualBox_4_X_StartVM, {"startvm", "Win 7"}},
-        {VirtualMachineImpl_VirtualBox_4_X_StopVM, {"controlvm", "Win 7", "poweroff"}},
-        {VirtualMachineImpl_VirtualBox_4_X_PauseVM, {"controlvm", "Win 7", "pause"}},
-        {VirtualMachineImpl_VirtualBox_4_X_ResumeVM, {"controlvm", "Win 7", "resume"}},
-    };
-    for (const auto& [method, args] : rows) {
+TEST(VirtualBox, ActionsRunTheStandardToolOnlyAndJudgeFailuresByTheirText) {
+    {
         VBoxMac m;
-        EXPECT_EQ(Call(method, {{"Name", "Win 7"}}).result, 0);
-        ASSERT_EQ(m.tool.invocations().size(), 1u);
-        EXPECT_EQ(m.tool.invocations()[0].args, args);
+        EXPECT_EQ(Call(VirtualMachineImpl_VirtualBox_4_X_ResumeVM, {{"Name", "Win 7"}}).result, 0);
+        EXPECT_EQ(m.tool.invocations().at(0).args, (Args{"controlvm", "Win 7", "resume"}));
+        // Installed elsewhere: found for descriptions, not for actions.
+        m.mac.remove(kApp);
+        const std::string elsewhere = "/Applications/Tools/VirtualBox.app";
+        m.mac.installApp(elsewhere, "org.virtualbox.app.VirtualBox", "4.3.12");
+        m.mac.installTool(elsewhere + "/Contents/MacOS/VBoxManage").respond(Report(kRunning));
+        EXPECT_EQ(Call(VirtualMachineImpl_VirtualBox2_GetVMInfo, {{"Name", kWin7}}).result, 0);
+        const auto r = Call(VirtualMachineImpl_VirtualBox_4_X_StartVM, {{"Name", "Win7"}});
+        EXPECT_EQ(Recorded(r), (Codes{-1, -1}));
     }
-    // Installed elsewhere: found for descriptions, not for actions.
-    VBoxMac m;
-    m.mac.remove(kApp);
-    const std::string elsewhere = "/Applications/Tools/VirtualBox.app";
-    m.mac.installApp(elsewhere, "org.virtualbox.app.VirtualBox", "4.3.12");
-    m.mac.installTool(elsewhere + "/Contents/MacOS/VBoxManage").respond(Report(kRunning));
-    EXPECT_EQ(Call(VirtualMachineImpl_VirtualBox2_GetVMInfo, {{"Name", kWin7}}).result, 0);
-    const auto r = Call(VirtualMachineImpl_VirtualBox_4_X_StartVM, {{"Name", "Win7"}});
-    EXPECT_EQ(Recorded(r), (Codes{-1, -1}));
-}
-
-TEST(VirtualBox, FailedExitsAreJudgedByTheirTextInOrder) {
     const std::string invalid =
         "VBoxManage: error: Machine in invalid state 1 -- powered off\n"
         "VBoxManage: error: Details: code VBOX_E_INVALID_VM_STATE\n";
@@ -186,12 +172,12 @@ TEST(VirtualBox, FailedExitsAreJudgedByTheirTextInOrder) {
     };
     // clang-format on
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.out + row.err + row.failpoint);
         VBoxMac m;
         ASSERT_EQ(KALDO::CFailpoints::Set(row.failpoint), 0);
         m.tool.respond(row.out, row.exit, row.err);
         const auto r = Call(VirtualMachineImpl_VirtualBox_4_X_PauseVM, {{"Name", "Win7"}});
-        EXPECT_EQ(r.result, row.code) << row.out << row.err << row.failpoint;
-        // Recorded by the routine and by the method.
+        EXPECT_EQ(r.result, row.code);
         EXPECT_EQ(Recorded(r), (row.code < 0 ? Codes{row.code, row.code} : Codes{}));
     }
 }
