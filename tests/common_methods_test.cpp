@@ -1,7 +1,6 @@
-// The common methods and the host checks: the hypervisor type, the product
-// version from registered inputs, the frame's code propagation rule, and
-// whether this Mac is itself a VM by its hardware report and by its network
-// interfaces' addresses (with fakes, and as root in a network namespace).
+// The frame's code propagation rule, and whether this Mac is itself a VM by
+// its hardware report and by its network interfaces' addresses (with fakes,
+// and as root in a network namespace).
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -9,7 +8,6 @@
 #include <functional>
 
 #include "ImplVirtualMachine.h"
-#include "KALDO/CDbUtils.h"
 #include "KALDO/Failpoints.h"
 #include "TestMachine.h"
 
@@ -34,27 +32,6 @@ Json Hardware(const char* vendor) {
     return {{"IsMachineVirtual", 1}, {"VMCompanyName", vendor}};
 }
 const Json kNotVirtual = {{"IsMachineVirtual", 0}};
-
-TEST(GetHypervisorType, WithoutATreeAnswersMinusThreeUnrecorded) {
-    TestMachine mac;
-    KALDO::typeProperty tree;
-    tree.addMapVal(L"HYPER_TYPE", L"2");
-    EXPECT_EQ(VirtualMachineImpl_Common_GetHypervisorType(0, 0, 0, nullptr, nullptr, &tree), -3);
-    EXPECT_EQ(VirtualMachineImpl_Common_GetHypervisorType(0, 0, 0, nullptr, &tree, nullptr), -3);
-    EXPECT_TRUE(KALDO::CErrorInfo::getErrors().empty());
-}
-
-TEST(GetProductVersion, TakesTheBundleIdFromRegisteredInputs) {
-    TestMachine mac;
-    mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "12.2.1");
-    KALDO::typeProperty defaults;
-    defaults.addMapVal(L"BundleId", L"com.vmware.fusion");
-    ASSERT_EQ(KALDO::CDbUtils::registerDefaultInputs(0, 0, 0, defaults), 0);
-    const auto r = Call(VirtualMachineImpl_Common_GetProductVersion);
-    KALDO::CDbUtils::clearDefaultInputs();
-    EXPECT_EQ(r.result, 0);
-    EXPECT_EQ(r.outputs.value("ProductVersion", ""), "12.2.1");
-}
 
 TEST(PropagationRule, KeepsRefusedAndLockedFoldsTheRest) {
     for (const auto& [callee, reported] : {std::pair{-4, -4}, {-32, -32}, {-2, -1}, {-7, -1}}) {
@@ -122,8 +99,7 @@ TEST(MacAddressVendor, FirstVendorPrefixInTableOrderAnywhereInAnAddress) {
     }
 }
 
-// The real network stack: implvm without a machine root in a network
-// namespace of its own, with a VirtualBox address and then none.
+// implvm without a machine root, in a network namespace of its own.
 TEST(MacAddressVendorRealStack, VendorAddressInANetworkNamespace) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root to create a network namespace";
     std::string ip;
@@ -146,7 +122,6 @@ TEST(MacAddressVendorRealStack, VendorAddressInANetworkNamespace) {
         tail.insert(tail.begin(), {ip, "-n", ns, "link"});
         return run(tail);
     };
-    // Dummies where the kernel has them, else a veth pair.
     const bool made =
         (link({"add", "vm0", "type", "dummy"}) && link({"add", "vm1", "type", "dummy"})) ||
         link({"add", "vm0", "type", "veth", "peer", "name", "vm1"});
