@@ -79,6 +79,8 @@ Codes Recorded(const CallResult& r) {
 
 TEST(ParallelsInventory, CutsAfterTheLastBundle) {
     TestMachine mac;
+    mac.makeDir("/v/Old.pvm.d/C.pvm");
+    mac.makeDir("/v/Plain VM");
     mac.writeFile("/Library/Preferences/Parallels/vmdirectorylist.desktop.xml",
                   R"(<VirtualMachine><VmHome>/v/Old.pvm.d/C.pvm/</VmHome></VirtualMachine>
                      <VirtualMachine><VmHome>/v/Plain VM</VmHome></VirtualMachine>)");
