@@ -31,6 +31,9 @@ struct CorpusCase {
     fs::path file;
     std::string relative, name;  // corpus path ("vmware/vmx/x.vmx"), gtest name
 };
+void PrintTo(const CorpusCase& c, std::ostream* os) {
+    *os << c.relative;
+}
 
 std::string ReadBytes(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);

@@ -140,6 +140,24 @@ TEST_F(VmWare, StateRulesAndReaderFailures) {
     }
 }
 
+TEST_F(VmWare, AdaptersKeepTheirNumbersPastAbsentOnes) {
+    // "FALSE" ones are skipped, the first index without "present" ends them;
+    // the corpus has no "FALSE" adapter before a present one.
+    mac.writeFile(kVmx, kVmxText + R"(ethernet0.present = "FALSE"
+ethernet1.present = "TRUE"
+ethernet1.connectionType = "bridged"
+ethernet1.startConnected = "FALSE"
+ethernet2.present = "yes"
+ethernet3.present = "TRUE"
+ethernet5.present = "TRUE"
+)");
+    auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kVmx}}, "3.1");
+    EXPECT_EQ(r.outputs, Json::parse(R"({"Networks": [
+        {"Name": "Network 2", "Type": 2, "IsConnected": 0, "MacAddress": ""},
+        {"Name": "Network 3", "IsConnected": 1, "MacAddress": ""},
+        {"Name": "Network 4", "IsConnected": 1, "MacAddress": ""}]})"));
+}
+
 TEST_F(VmWare, VmrunAnswersOfAFailingExit) {
     const std::string unchanged =
         "Error: The state of the virtual machine has not changed since the last snapshot operation";
