@@ -213,6 +213,16 @@ std::string FormatRate(double bytesPerSecond) {
     return Fixed(bytesPerSecond / 1e6, 1) + " MB/s";
 }
 
+void EvictCaches() {
+    // 128 MB: four times the last-level cache a core of the build machine
+    // allocates into (32 MB).
+    constexpr size_t kBytes = size_t{128} << 20;
+    static const std::vector<uint64_t> buffer(kBytes / sizeof(uint64_t), 1);
+    uint64_t sum = 0;
+    for (size_t i = 0; i < buffer.size(); i += 8) sum += buffer[i];
+    benchmark::DoNotOptimize(sum);
+}
+
 void AppendSummaryLine(const std::string& figure, const std::string& measured,
                        const std::string& baseline, double ratio, const std::string& target,
                        bool met, bool hasTarget) {

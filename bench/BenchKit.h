@@ -46,6 +46,10 @@ Fn* ModuleFunction(const char* name) {
     return reinterpret_cast<Fn*>(ModuleSymbol(name));
 }
 
+// Reads through a buffer several times the size of any processor's
+// last-level cache, so that what a call touches next comes from memory.
+void EvictCaches();
+
 // Writes DIR/.machine naming a console user with the given home.
 void WriteConsoleUser(const std::string& root, const std::string& home);
 

@@ -1,7 +1,12 @@
 // The adapters at scale, on generated machine roots (MachineData.h):
 //  - the three inventories (Fusion 5 vmInventory, VirtualBox.xml, the
-//    Parallels directory list) at 10 to 100,000 entries, which must grow
-//    linearly, each beside a plain read of its file;
+//    Parallels directory list) at 10 to 100,000 entries, each beside a plain
+//    read of its file. They must grow linearly. That is judged with the
+//    processor's caches emptied before each call, the state a host's
+//    periodic inventory pass finds them in: called back to back, a
+//    10,000-entry inventory still runs from the last-level cache while a
+//    100,000-entry one cannot, which measures the cache's size rather than
+//    the scan (the back-to-back ratio is shown beside it);
 //  - the .vmx reader of a running Fusion 5 VM whose vmware.log is 100 MB,
 //    beside the reads it cannot avoid (the log and the process listing);
 //  - the VirtualBox reader over a large showvminfo report, beside the bare
@@ -26,7 +31,7 @@ const std::string& Scratch() {
     return dir.path();
 }
 
-void Enumerate(benchmark::State& state, const Inventory& inv, int entries) {
+void Enumerate(benchmark::State& state, const Inventory& inv, int entries, bool cold) {
     auto* method = ModuleFunction<ImplVmMethod>(inv.method);
     if (method == nullptr) {
         state.SkipWithError("the module has no such method yet");
@@ -47,6 +52,11 @@ void Enumerate(benchmark::State& state, const Inventory& inv, int entries) {
         }
     }
     for (auto _ : state) {
+        if (cold) {
+            state.PauseTiming();
+            EvictCaches();
+            state.ResumeTiming();
+        }
         KALDO::typeProperty outputs;
         method(0, 0, 0, &version, &inputs, &outputs);
     }
@@ -157,7 +167,8 @@ int main(int argc, char** argv) {
             const std::string name = std::string(inv.name) + "_EnumerateVMs/" + size;
             const std::string read = std::string(inv.name) + "_ReadFile/" + size;
             benchmark::RegisterBenchmark(
-                name.c_str(), [&inv, entries](benchmark::State& s) { Enumerate(s, inv, entries); })
+                name.c_str(),
+                [&inv, entries](benchmark::State& s) { Enumerate(s, inv, entries, false); })
                 ->Unit(benchmark::kMillisecond)
                 ->UseRealTime();
             benchmark::RegisterBenchmark(
@@ -169,10 +180,23 @@ int main(int argc, char** argv) {
                                        " entries against reading its file",
                                    name, read, Goal::kInfo, 0});
         }
-        comparisons.push_back({std::string(inv.name) + " inventory: 100,000 entries against 10,000",
-                               std::string(inv.name) + "_EnumerateVMs/100000",
-                               std::string(inv.name) + "_EnumerateVMs/10000", Goal::kCostAtMost,
-                               12.0});
+        for (int entries : {10000, 100000}) {
+            const std::string cold =
+                std::string(inv.name) + "_EnumerateVMs_cold/" + std::to_string(entries);
+            benchmark::RegisterBenchmark(
+                cold.c_str(),
+                [&inv, entries](benchmark::State& s) { Enumerate(s, inv, entries, true); })
+                ->Unit(benchmark::kMillisecond)
+                ->UseRealTime();
+        }
+        comparisons.push_back(
+            {std::string(inv.name) + " inventory, cold caches: 100,000 entries against 10,000",
+             std::string(inv.name) + "_EnumerateVMs_cold/100000",
+             std::string(inv.name) + "_EnumerateVMs_cold/10000", Goal::kCostAtMost, 12.0});
+        comparisons.push_back(
+            {std::string(inv.name) + " inventory, back to back: 100,000 entries against 10,000",
+             std::string(inv.name) + "_EnumerateVMs/100000",
+             std::string(inv.name) + "_EnumerateVMs/10000", Goal::kInfo, 0});
     }
 
     benchmark::RegisterBenchmark("Fusion5_GetInfoForVm/running/log100MB", FusionVmxReader)
