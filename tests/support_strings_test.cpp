@@ -103,49 +103,39 @@ TEST(Text, NumbersTrimAndSeparate) {
     EXPECT_EQ(CStringUtils::Separate(L"a,,b,", L","), (Pieces{L"a", L"", L"b"}));
 }
 
-std::wstring Parse(const std::wstring& text, const wchar_t* section, const wchar_t* begin,
-                   const wchar_t* end, size_t* pos = nullptr) {
-    return CStringUtils::ParseSubstringFromString(text, section, begin, end, pos);
-}
-
-TEST(Parse, SectionBeginEndAndPosition) {
-    const std::wstring xml =
+// Markers: ASCII letters fold, nothing else does; a line feed also matches
+// "\r\n", whose carriage return never ends up in the value.
+TEST(Parse, SectionsMarkersAndPosition) {
+    const wchar_t* xml =
         L"<Identification><VmName>Win</VmName></Identification>"
         L"<General><OsType>9</OsType></General><VmName>late</VmName><Tail>cut";
     // clang-format off
-    const std::array<const wchar_t*, 4> cases[] = {  // section, begin, end, value
-        {L"<Identification>", L"<VmName>", L"</VmName>", L"Win"},
-        {L"<General>", L"<VmName>", L"</VmName>", L"late"},  // begin may lie past the section
-        {L"<Missing>", L"<OsType>", L"</OsType>", L""},
-        {L"", L"<Tail>", L"</Tail>", L""},  // a truncated value is not returned
-        {L"", L"<Tail>", L"", L"cut"}};     // empty end: to the end of the text
-    // clang-format on
-    for (const auto& c : cases) EXPECT_EQ(Parse(xml, c[0], c[1], c[2]), c[3]) << c[0] << c[1];
-
-    const std::wstring text = L"NIC 1: a\nNIC 2: b\nNIC 3: c";
-    size_t pos = 0;
-    EXPECT_EQ(Parse(text, L"NIC", L": ", L"\n", &pos), L"a");
-    EXPECT_EQ(pos, 9u);  // just past the end marker
-    EXPECT_EQ(Parse(text, L"NIC", L": ", L"\n", &pos), L"b");
-    EXPECT_EQ(Parse(text, L"NIC", L": ", L"\n", &pos), L"");
-    EXPECT_EQ(pos, npos);  // "c" has no end marker
-}
-
-// Markers: ASCII letters fold, nothing else does; a line feed also matches
-// "\r\n", whose carriage return never ends up in the value.
-TEST(Parse, MarkerMatchingRules) {
-    // clang-format off
-    const std::array<const wchar_t*, 4> cases[] = {  // text, begin, end, value
-        {L"GUESTOS = \"RHEL5\"\r\nx", L"guestOS = \"", L"\"\n", L"RHEL5"},
-        {L"<VmName>\u00C9x</VMNAME>", L"<vmname>", L"</VmName>", L"\u00C9x"},
-        {L"\u00E9=1;", L"\u00C9=", L";", L""}, {L"Name: \r\nX", L"Name: ", L"\n", L""},
-        {L"a\r\nb=1\n", L"a\nb=", L"\n", L"1"}, {L"Name: vm\rX", L"Name: ", L"\n", L""},
-        {L"h\n\r\nbody\r\n\n", L"\n\n", L"\n\n", L"body"},
-        {L"k=v\r\r\n", L"k=", L"\n", L"v\r"},  // only one carriage return belongs to the pair
-        {L"k=v\rw\n", L"k=", L"\r\n", L""}};   // a marker's own "\r" needs one in the text
+    const std::array<const wchar_t*, 5> cases[] = {  // text, section, begin, end, value
+        {xml, L"<Identification>", L"<VmName>", L"</VmName>", L"Win"},
+        {xml, L"<General>", L"<VmName>", L"</VmName>", L"late"},  // begin may lie past the section
+        {xml, L"<Missing>", L"<OsType>", L"</OsType>", L""},
+        {xml, L"", L"<Tail>", L"</Tail>", L""},  // a truncated value is not returned
+        {xml, L"", L"<Tail>", L"", L"cut"},      // empty end: to the end of the text
+        {L"GUESTOS = \"RHEL5\"\r\nx", L"", L"guestOS = \"", L"\"\n", L"RHEL5"},
+        {L"<VmName>\u00C9x</VMNAME>", L"", L"<vmname>", L"</VmName>", L"\u00C9x"},
+        {L"\u00E9=1;", L"", L"\u00C9=", L";", L""}, {L"Name: \r\nX", L"", L"Name: ", L"\n", L""},
+        {L"a\r\nb=1\n", L"", L"a\nb=", L"\n", L"1"}, {L"Name: vm\rX", L"", L"Name: ", L"\n", L""},
+        {L"h\n\r\nbody\r\n\n", L"", L"\n\n", L"\n\n", L"body"},
+        {L"k=v\r\r\n", L"", L"k=", L"\n", L"v\r"},  // only one carriage return belongs to the pair
+        {L"k=v\rw\n", L"", L"k=", L"\r\n", L""}};   // a marker's own "\r" needs one in the text
     // clang-format on
     for (const auto& c : cases)
-        EXPECT_EQ(Parse(c[0], L"", c[1], c[2]), c[3]) << testing::PrintToString(std::wstring(c[0]));
+        EXPECT_EQ(CStringUtils::ParseSubstringFromString(c[0], c[1], c[2], c[3], nullptr), c[4])
+            << testing::PrintToString(std::wstring(c[0])) << c[1] << c[2];
+
+    const std::wstring text = L"NIC 1: a\nNIC 2: b\nNIC 3: c";
+    std::wstring seen;  // each value, then where the next search starts
+    for (size_t pos = 0, n = 0; pos != npos && n < 4; ++n) {
+        seen +=
+            L"[" + CStringUtils::ParseSubstringFromString(text, L"NIC", L": ", L"\n", &pos) + L"]";
+        seen += pos == npos ? L"end" : std::to_wstring(pos);
+    }
+    EXPECT_EQ(seen, L"[a]9[b]18[]end");  // "c" has no end marker
 }
 
 }  // namespace

@@ -5,114 +5,90 @@
 
 #include "KALDO/CDbUtils.h"
 #include "KALDO/CErrorInfo.h"
-#include "KALDO/typeProperty.h"
+#include "TreeJson.h"
 
 using namespace KALDO;
-using Keys = std::vector<std::wstring>;
 
 namespace {
 
-typeProperty Str(const std::wstring& s) {
-    typeProperty t;
-    t.setVal(s);
-    return t;
+typeProperty Tree(const char* json) {
+    return implvm::JsonToTree(implvm::Json::parse(json));
 }
 
-typeProperty Int(int v) {
-    typeProperty t;
-    t.setIntVal(v);
-    return t;
-}
-
-Keys KeysOf(const typeProperty& map) {
-    Keys keys;
-    EXPECT_EQ(map.getMapKeys(keys), 0);
-    return keys;
+std::string Dump(const typeProperty& tree) {
+    return implvm::TreeToJson(tree).dump();
 }
 
 TEST(TypeProperty, KindsInsertionOrderAndReplaceInPlace) {
-    typeProperty map, vec, str = Str(L"text");
+    typeProperty map, vec, str = Tree(R"("text")");
     EXPECT_EQ(map.addMapVal(L"b", L"1") + vec.addVecVal(L"x"), 0);  // empty becomes either kind
     // Adds and lookups of the other kind, or of nothing, fail and change nothing.
     std::wstring out = L"untouched";
     std::vector<typeProperty> list;
-    EXPECT_EQ(map.addVecVal(L"x") + vec.addSubTree(L"k", Int(1)), 2 * kInvalidArgument);
-    EXPECT_EQ(str.addInteger(L"k", 1) + str.addVecVal(Int(1)), 2 * kInvalidArgument);
+    EXPECT_EQ(map.addVecVal(L"x") + vec.addSubTree(L"k", str), 2 * kInvalidArgument);
+    EXPECT_EQ(str.addInteger(L"k", 1) + str.addVecVal(vec), 2 * kInvalidArgument);
     EXPECT_EQ(map.lookupString(L"missing", out) + vec.getVecVal(1, out), 2 * kNotFound);
     EXPECT_EQ(str.lookupString(L"k", out), kNotFound);
-    EXPECT_EQ(vec.vecEntries()->size(), 1u);
-    EXPECT_EQ(str, Str(L"text"));
-
     map.addMapVal(L"a", 2);
-    map.addMapVal(L"c", Str(L"3"));
+    map.addMapVal(L"c", str);
     EXPECT_EQ(map.lookupString(L"a", out) + map.getMapVal(L"c", list), 2 * kInvalidArgument);
     EXPECT_EQ(out, L"untouched");
     EXPECT_EQ(map.addString(L"b", L"again"), 0);
     map.addMapVal(L"a", L"now a string");  // replacing may change the kind
-    EXPECT_EQ(KeysOf(map), (Keys{L"b", L"a", L"c"}));
-    EXPECT_EQ(*map.findMapVal(L"b"), Str(L"again"));
-    EXPECT_EQ(*map.findMapVal(L"a"), Str(L"now a string"));
+    EXPECT_EQ(Dump(map) + Dump(vec) + Dump(str),
+              R"({"b":"again","a":"now a string","c":"text"}["x"]"text")");
 }
 
 TEST(TypeProperty, CopiesAreDeepAndAliasingIsSafe) {
-    typeProperty inner, outer, assigned;
-    inner.addMapVal(L"x", 1);
-    outer.addSubTree(L"inner", inner);
+    typeProperty outer = Tree(R"({"inner":{"x":1}})"), assigned;
     assigned = outer;
     const_cast<typeProperty*>(outer.findMapVal(L"inner"))->addMapVal(L"x", 2);
-    EXPECT_EQ(*assigned.findMapVal(L"inner"), inner);
-
     // A tree added into itself, an element appended to its own vector, and a
     // value fetched into its own parent.
-    typeProperty self;
-    self.addMapVal(L"a", L"1");
+    typeProperty self = Tree(R"({"a":"1"})"), vec = Tree(R"(["v"])");
     EXPECT_EQ(self.addSubTree(L"self", self), 0);
-    EXPECT_EQ(KeysOf(*self.findMapVal(L"self")), Keys{L"a"});
-    inner.changeTypeToVec();
-    inner.addVecVal(L"first");
-    for (int i = 0; i < 10; ++i) inner.addVecVal((*inner.vecEntries())[0]);
-    EXPECT_EQ(inner.vecEntries()->back(), Str(L"first"));
+    for (int i = 0; i < 4; ++i) vec.addVecVal((*vec.vecEntries())[0]);
+    EXPECT_EQ(Dump(assigned) + Dump(self) + Dump(vec),
+              R"({"inner":{"x":1}}{"a":"1","self":{"a":"1"}}["v","v","v","v","v"])");
     EXPECT_EQ(self.getMapVal(L"a", self), 0);
-    EXPECT_EQ(self, Str(L"1"));
+    EXPECT_EQ(Dump(self), R"("1")");
 
     // Large maps are indexed: a copy's index must not refer to the original.
     typeProperty big;
     for (int i = 0; i < 5000; ++i) big.addMapVal(L"k" + std::to_wstring(i), i);
     typeProperty copy(big);
     big.clear();
-    for (int i = 0; i < 5000; i += 7)
-        EXPECT_EQ(*copy.findMapVal(L"k" + std::to_wstring(i)), Int(i));
     const typeProperty moved = std::move(copy);
-    EXPECT_EQ(*moved.findMapVal(L"k4999"), Int(4999));
+    for (int i = 0, value = -1; i < 5000; i += 7) {
+        EXPECT_EQ(moved.getMapVal(L"k" + std::to_wstring(i), value), 0);
+        EXPECT_EQ(value, i);
+    }
 }
 
 // A module built elsewhere calls these members through the virtual table, so
 // their slots are a binary interface: call each through its slot number (the
 // destructor takes slots 0 and 1 in the Itanium ABI).
 TEST(TypeProperty, VirtualSlotOrder) {
-    using Clear = void (*)(typeProperty*);
-    using GetString = int (*)(const typeProperty*, std::wstring&);
-    using SetString = void (*)(typeProperty*, const std::wstring&);
-    using Lookup = int (*)(const typeProperty*, const std::wstring&, std::wstring&);
-    using AddTree = int (*)(typeProperty*, const std::wstring&, const typeProperty&);
-    using AddInt = int (*)(typeProperty*, const std::wstring&, int);
-    using AddString = int (*)(typeProperty*, const std::wstring&, const std::wstring&);
+    using W = const std::wstring&;
     typeProperty t;
     typeProperty* base = &t;
-    void** table = *reinterpret_cast<void***>(base);
-    reinterpret_cast<SetString>(table[4])(base, L"via table");
+    void** slot = *reinterpret_cast<void***>(base);
     std::wstring out;
-    EXPECT_EQ(reinterpret_cast<GetString>(table[3])(base, out), 0);
+    reinterpret_cast<void (*)(typeProperty*, W)>(slot[4])(base, L"via table");
+    EXPECT_EQ(reinterpret_cast<int (*)(const typeProperty*, std::wstring&)>(slot[3])(base, out), 0);
     EXPECT_EQ(out, L"via table");
-    reinterpret_cast<Clear>(table[2])(base);
+    reinterpret_cast<void (*)(typeProperty*)>(slot[2])(base);
     EXPECT_TRUE(t.isEmpty());
-    EXPECT_EQ(reinterpret_cast<AddTree>(table[6])(base, L"t", Int(1)), 0);
-    EXPECT_EQ(reinterpret_cast<AddInt>(table[7])(base, L"n", 5), 0);
-    EXPECT_EQ(reinterpret_cast<AddString>(table[8])(base, L"s", L"v"), 0);
-    EXPECT_EQ(reinterpret_cast<Lookup>(table[5])(base, L"s", out), 0);
+    EXPECT_EQ(reinterpret_cast<int (*)(typeProperty*, W, const typeProperty&)>(slot[6])(base, L"t",
+                                                                                        Tree("1")),
+              0);
+    EXPECT_EQ(reinterpret_cast<int (*)(typeProperty*, W, int)>(slot[7])(base, L"n", 5), 0);
+    EXPECT_EQ(reinterpret_cast<int (*)(typeProperty*, W, W)>(slot[8])(base, L"s", L"v"), 0);
+    EXPECT_EQ(
+        reinterpret_cast<int (*)(const typeProperty*, W, std::wstring&)>(slot[5])(base, L"s", out),
+        0);
     EXPECT_EQ(out, L"v");
-    EXPECT_EQ(KeysOf(t), (Keys{L"t", L"n", L"s"}));
-    EXPECT_EQ(*t.findMapVal(L"n"), Int(5));
+    EXPECT_EQ(Dump(t), R"({"t":1,"n":5,"s":"v"})");
 }
 
 TEST(ErrorLog, RecordsFailuresOnlyKeepsTheNewestAndLosesNone) {
@@ -139,17 +115,13 @@ TEST(ErrorLog, RecordsFailuresOnlyKeepsTheNewestAndLosesNone) {
 }
 
 TEST(Inputs, CallerInputsWinAndDefaultsFillTheRest) {
-    typeProperty defaults, inputs, merged, list;
-    defaults.addMapVal(L"BundleId", L"default.id");
-    defaults.addMapVal(L"Extra", 1);
-    ASSERT_EQ(CDbUtils::registerDefaultInputs(1, 2, 3, defaults), 0);
-    inputs.addMapVal(L"BundleId", L"given.id");
+    const typeProperty inputs = Tree(R"({"BundleId":"given.id"})"), list = Tree("[1]");
+    typeProperty merged;
+    ASSERT_EQ(CDbUtils::registerDefaultInputs(1, 2, 3, Tree(R"({"BundleId":"d","Extra":1})")), 0);
     ASSERT_EQ(CDbUtils::getInputsForMethod(1, 2, 3, nullptr, &inputs, &merged), 0);
-    EXPECT_EQ(KeysOf(merged), (Keys{L"BundleId", L"Extra"}));
-    EXPECT_EQ(*merged.findMapVal(L"BundleId"), Str(L"given.id"));
+    EXPECT_EQ(Dump(merged), R"({"BundleId":"given.id","Extra":1})");
     ASSERT_EQ(CDbUtils::getInputsForMethod(1, 2, 4, nullptr, &inputs, &merged), 0);
     EXPECT_EQ(merged, inputs);  // another context has no defaults
-    list.addVecVal(L"a");
     EXPECT_EQ(CDbUtils::getInputsForMethod(1, 2, 3, nullptr, &list, &merged), kInvalidArgument);
     CDbUtils::clearDefaultInputs();
 }
