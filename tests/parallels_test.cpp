@@ -93,23 +93,21 @@ TEST(ParallelsReader, StateAdaptersAndClosedOsTables) {
             {"Name": "Network Adapter 5", "IsConnected": 1, "MacAddress": ""}])";
     // clang-format off
     struct {
-        std::string osType, osNumber, adapters;
+        std::string general, adapters;
         std::vector<std::string> entries;
         int type, state;
         const char *distribution, *networks;
     } const rows[] = {
         // A disabled adapter keeps its number; an empty friendly name is none.
-        {"8", "2055", nics, {"Windows XP.mem", "config.sav.backup"}, 3, 1, "Windows XP", fourNics},
-        {"9", "2059", "", {"Windows XP.mem.tmp", "config.sav"}, 1, 3, "Linux", "[]"},
-        {" 9", " 2055", "", {}, 0, 3, "Linux", "[]"},  // exact texts only
+        {kXp, nics, {"Windows XP.mem", "config.sav.backup"}, 3, 1, "Windows XP", fourNics},
+        {"<OsType>9</OsType><OsNumber>2059</OsNumber>", "", {"Windows XP.mem.tmp", "config.sav"}, 1, 3, "Linux", "[]"},
+        {"<OsType> 9</OsType><OsNumber> 2055</OsNumber>", "", {}, 0, 3, "Linux", "[]"},  // exact texts only
     };
     // clang-format on
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.osType + "/" + row.osNumber);
+        SCOPED_TRACE(row.general);
         TestMachine mac;
-        mac.writeFile(kConfig, Pvs("<OsType>" + row.osType + "</OsType><OsNumber>" + row.osNumber +
-                                       "</OsNumber>",
-                                   row.adapters));
+        mac.writeFile(kConfig, Pvs(row.general, row.adapters));
         for (const std::string& entry : row.entries) mac.writeFile(kHome + "/" + entry, "");
         const CallResult info = Call(VirtualMachineImpl_Parallels4_GetVMInfo, {{"Name", kHome}});
         EXPECT_EQ(info.outputs,

@@ -105,7 +105,6 @@ TEST_F(VmWare, StateRulesAndReaderFailures) {
     } const cases[] = {
         {"5.0.3", kVmx, kVmxText + "vmState = \"off\"\n", ps, on, "", "", 3},
         {"3.1.2", kVmx, kVmxText, "", "", "Win.vmem.lck/x", "", 3},  // a lock without memory
-        {"3.1.2", kVmx, kVmxText, "", "", "Win.vmem Win.vmem.lck/x", "", 1},
         {"", kBundle + "/Gone.vmx", "", "", "", "A.vmx", "", 3},  // the folder's only .vmx
         {"", kBundle + "/Gone.vmx", "", "", "", "A.vmx B.vmx", "", -1},  // which one cannot be told
         {"5.0", kVmx, kVmxText, ps, on, "", readLog, -32},
