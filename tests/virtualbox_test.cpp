@@ -84,9 +84,11 @@ TEST(VirtualBox, EnumeratesByTheLayoutOfTheMajorVersion) {
 }
 
 TEST(VirtualBox, DescribesTheShowvminfoReport) {
-    // Networks null: no adapter.
+    const std::string ok = Report(kRunning);
+    // Networks null: no adapter. Name null: both methods fail, record it and
+    // write nothing.
     // clang-format off
-    struct { std::string report, name, os; int type, state; Json networks; } const rows[] = {
+    struct { std::string report; const char* name; std::string os; int type, state; Json networks; int exit = 0; } const rows[] = {
         {Data("showvminfo-3.2-winxp.txt"), "WinXP", "Windows XP", 3, 2, {Nic(1, 1), Nic(2, 3)}},
         // The family table's word is spelt so; the state is cut at the next "(".
         {Report("Guest OS:        Xasndros 2\n" + kRunning), "Win7", "Xasndros 2", 1, 1, nullptr},
@@ -95,40 +97,29 @@ TEST(VirtualBox, DescribesTheShowvminfoReport) {
         // first number the report does not mention.
         {Report("State:           running\nVRDE:   off (x)\nNIC 1:           " + kNat + "NIC 3:           " + kNat), "Win7", "", 0, 1, {Nic(1, 1)}},
         {"Name:            \n" + kRunning, "", "", 0, 1, nullptr},  // blanks trim to ""
+        {ok, nullptr, "", 0, 0, nullptr, 1},
+        {"Name: \n" + kRunning, nullptr, "", 0, 0, nullptr},
+        {"Name:    Win7\nState:   running\n", nullptr, "", 0, 0, nullptr},
+        {ok + "NIC 1: \n", nullptr, "", 0, 0, nullptr},
+        {ok + "NIC 1:   MAC: 0800271A2B3C, Cable connected: on\n", nullptr, "", 0, 0, nullptr},
     };
     // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.report);
         VBoxMac m;
-        m.tool.respond(row.report);
+        m.tool.respond(row.report, row.exit);
         const auto info = Call(VirtualMachineImpl_VirtualBox2_GetVMInfo, {{"Name", kWin7}});
         const auto net = Call(VirtualMachineImpl_VirtualBox2_GetVMNetwork, {{"Name", kWin7}});
+        EXPECT_EQ(m.tool.invocations().at(0).args, (Args{"showvminfo", kUuid}));
+        if (!row.name) {
+            EXPECT_TRUE(info.outputs.empty() && net.outputs.empty() && net.result == -1);
+            EXPECT_EQ(Recorded(net), (Codes{-1, -1}));
+            continue;
+        }
         const Json os = {{"Type", row.type}, {"Distribution", row.os}};
         EXPECT_EQ(info.outputs,
                   Json({{"UserFriendlyName", row.name}, {"OS", os}, {"State", row.state}}));
         EXPECT_EQ(net.outputs, Json({{"Networks", row.networks}}));
-        EXPECT_EQ(m.tool.invocations().at(0).args, (Args{"showvminfo", kUuid}));
-    }
-}
-
-TEST(VirtualBox, DescriptionFailuresAreRecordedAndWriteNothing) {
-    const std::string ok = Report(kRunning);
-    // clang-format off
-    struct { std::string report; int exit; } const rows[] = {
-        {ok, 1},
-        {"Name: \n" + kRunning, 0},
-        {"Name:    Win7\nState:   running\n", 0},
-        {ok + "NIC 1: \n", 0},
-        {ok + "NIC 1:   MAC: 0800271A2B3C, Cable connected: on\n", 0},
-    };
-    // clang-format on
-    for (const auto& row : rows) {
-        VBoxMac m;
-        m.tool.respond(row.report, row.exit);
-        const auto r = Call(VirtualMachineImpl_VirtualBox2_GetVMNetwork, {{"Name", kWin7}});
-        EXPECT_EQ(r.result, -1) << row.report;
-        EXPECT_TRUE(r.outputs.empty());
-        EXPECT_EQ(Recorded(r), (Codes{-1, -1}));
     }
 }
 
