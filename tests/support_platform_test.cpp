@@ -158,8 +158,9 @@ TEST(PropertyLists, XmlAndBinaryReadTheSameTaggedTree) {
               R"({"\\sVMFavoritesListDefaults2":[{"\\spath":"\\s/Users/ann/VMs/Win.vmx"}],)"
               R"("\\scount":"\\i-3","\\son":"\\btrue","\\sblob":"\\x0001ff"})");
     mac.writeFile("/junk.plist", "not a property list");
-    EXPECT_EQ(CAppleUtils::ReadPlistFileToTypePropertyTree(L"/junk.plist", fromXml),
-              kInvalidArgument);
+    EXPECT_EQ(CAppleUtils::ReadPlistFileToTypePropertyTree(L"/junk.plist", fromXml) +
+                  CAppleUtils::ReadPlistFileToTypePropertyTree(L"/none.plist", fromXml),
+              kInvalidArgument + kNotFound);
 }
 
 TEST(Network, RealInterfacesHaveUpperCaseColonAddresses) {
