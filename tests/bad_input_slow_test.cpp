@@ -1,16 +1,12 @@
-// Bad input through the methods: hypervisor files that are empty, huge,
-// binary, not UTF-8, full of NUL bytes or cut off inside a marker; tools that
-// hang up, print nothing, print hundreds of megabytes, die from a signal,
-// cannot be run or never end; inputs missing or of the wrong kind. Each gets
-// a definite code (a negative one always with an error record), never a crash
-// or a hang. The files start from the simulated Mac's good ones.
+// Bad input through the methods, starting from the simulated Mac's good files:
+// bad hypervisor files, tools that misbehave, inputs missing or of the wrong
+// kind. Each gets a definite code, a negative one always with an error
+// record; never a crash or a hang.
 #include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -22,44 +18,54 @@ using implvm_test::CallResult;
 using implvm_test::FakeResponse;
 using implvm_test::Json;
 using implvm_test::MethodCall;
-using implvm_test::TestMachine;
 
 namespace {
 
-// Under the sanitizers (a debug build, every byte checked) a smaller flood
-// reaches the same code paths in a fraction of the time.
+// Under the sanitizers a smaller flood reaches the same code paths.
 constexpr size_t kHugeBytes = size_t{implvm_test::kSanitized ? 32 : 256} << 20;
 
-const std::string kParallels = "/Users/robin/Parallels/";
-const std::string kVmware = "/Users/robin/Virtual Machines.localized/";
-const std::string kWindows7 = kVmware + "Windows 7 x64.vmwarevm/Windows 7 x64.vmx";
-const std::string kUbuntuServer =
-    "/Users/robin/VirtualBox VMs/Ubuntu 22.04 Server/Ubuntu 22.04 Server.vbox";
-const std::string kXpConfig = kParallels + "Windows XP.pvm/config.pvs";
+const std::string kPvm = "/Users/robin/Parallels/",
+                  kVmx = "/Users/robin/Virtual Machines.localized/",
+                  kWindows7 = kVmx + "Windows 7 x64.vmwarevm/Windows 7 x64.vmx",
+                  kServer =
+                      "/Users/robin/VirtualBox VMs/Ubuntu 22.04 Server/Ubuntu 22.04 Server.vbox",
+                  kXpConfig = kPvm + "Windows XP.pvm/config.pvs", kFusion = "13.5.0";
 
-// Whoever passes a negative code on records it.
+// A negative code always comes with a record.
 void ExpectAccountedFor(const CallResult& r, const std::string& what) {
     if (r.result < 0) {
         EXPECT_FALSE(r.errors.empty()) << what << ": " << r.result << " unrecorded";
     }
 }
 
+// A case's codes are one letter per kind of bad input, in its table's order:
+// '0', E = -1 (general failure), N = -2 (the library's "not found"), A = -4
+// ("access denied", kept by the propagation rule), T = -7 (timed out).
+void Expect(const MethodCall& call, const std::string& codes, int kind, const std::string& what) {
+    const CallResult r = call.run();
+    const char code = codes.at(size_t(kind));
+    EXPECT_EQ(r.result, code == '0'   ? 0
+                        : code == 'E' ? -1
+                        : code == 'N' ? -2
+                        : code == 'A' ? -4
+                                      : -7)
+        << what;
+    ExpectAccountedFor(r, what);
+}
+
 std::string Name(const MethodCall& call) {
     return call.name.substr(call.name.rfind('_') + 1);
 }
-
-// ---- files ----
-
-enum Kind { kEmpty, kBinary, kInvalidUtf8, kNulBytes, kTruncated, kHuge, kKinds };
-const char* const kKindNames[kKinds] = {"empty",     "binary",    "invalid UTF-8",
-                                        "NUL bytes", "truncated", "huge, one line"};
 
 struct FileCase {
     std::string file;    // the Mac path of the file made bad
     std::string marker;  // the truncated file ends halfway through it
     MethodCall call;
-    std::array<int, kKinds> codes;  // in the order of Kind
+    std::string codes;
 };
+
+const char* const kKinds[] = {"empty",     "binary",    "invalid UTF-8",
+                              "NUL bytes", "truncated", "huge, one line"};
 
 // `insert` after every '=', '"' and '>': inside values and beside markers.
 std::string Sprinkled(const std::string& good, const std::string& insert) {
@@ -67,19 +73,6 @@ std::string Sprinkled(const std::string& good, const std::string& insert) {
     for (const char c : good)
         out += c == '=' || c == '"' || c == '>' ? c + insert : std::string(1, c);
     return out;
-}
-
-std::string Bad(Kind kind, const std::string& good, const std::string& marker) {
-    if (kind == kBinary) {  // from a fixed generator: NULs, 0xFF, stray continuation bytes
-        std::string bytes(64 << 10, '\0');
-        uint32_t x = 2463534242u;
-        for (char& c : bytes) c = static_cast<char>(x ^= x << 13, x ^= x >> 17, x ^= x << 5);
-        return bytes;
-    }
-    if (kind == kInvalidUtf8) return Sprinkled(good, "\xFF\xC0\xAF\xED\xA0\x80\xE2\x82");
-    if (kind == kNulBytes) return Sprinkled(good, std::string(1, '\0'));
-    if (kind == kTruncated) return good.substr(0, good.find(marker) + marker.size() / 2);
-    return "";
 }
 
 class BadFiles : public testing::TestWithParam<FileCase> {
@@ -97,132 +90,122 @@ protected:
 
 TEST_P(BadFiles, GetADefiniteCode) {
     const FileCase& c = GetParam();
-    TestMachine mac;
+    implvm_test::TestMachine mac;
     mac.copyDemoMac();
     const std::string good = mac.readFile(c.file);
     ASSERT_NE(good.find(c.marker), std::string::npos) << c.marker;
-    for (int kind = 0; kind < kKinds; ++kind) {
+    // From a fixed generator: NULs, 0xFF, stray continuation bytes.
+    std::string binary(64 << 10, '\0');
+    uint32_t x = 2463534242u;
+    for (char& b : binary) b = static_cast<char>(x ^= x << 13, x ^= x >> 17, x ^= x << 5);
+    const std::string files[] = {"", binary, Sprinkled(good, "\xFF\xC0\xAF\xED\xA0\x80\xE2\x82"),
+                                 Sprinkled(good, std::string(1, '\0')),
+                                 good.substr(0, good.find(c.marker) + c.marker.size() / 2)};
+    for (int kind = 0; kind < 6; ++kind) {
         mac.remove(c.file);
-        if (kind == kHuge)
+        if (kind == 5)
             fs::create_hard_link(huge_, mac.hostPath(c.file));
         else
-            mac.writeFile(c.file, Bad(static_cast<Kind>(kind), good, c.marker));
-        const CallResult r = c.call.run();
-        const std::string what = c.file + ", " + kKindNames[kind] + ": " + c.call.name;
-        EXPECT_EQ(r.result, c.codes[static_cast<size_t>(kind)]) << what;
-        ExpectAccountedFor(r, what);
+            mac.writeFile(c.file, files[kind]);
+        Expect(c.call, c.codes, kind, c.file + ", " + kKinds[kind] + ": " + c.call.name);
     }
 }
 
-constexpr int E = -1;  // the general failure
-constexpr int N = -2;  // the library's "not found", passed on as it is
-constexpr int A = -4;  // the library's "access denied", kept by the propagation rule
-constexpr int T = -7;  // the library's "timed out", passed on as it is
-constexpr const char* kFusion = "13.5.0";
-
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Files, BadFiles, testing::Values(
-    //                                                                         empty bin utf8 NUL trunc huge
+    //                                 empty binary utf8 NUL truncated huge
     FileCase{"/Library/Preferences/Parallels/vmdirectorylist.desktop.xml", "</VmHome>",
-             IMPLVM_CALL(VirtualMachineImpl_Parallels4_EnumerateVMs),              {0, 0, 0, 0, 0, 0}},
+             IMPLVM_CALL(VirtualMachineImpl_Parallels4_EnumerateVMs), "000000"},
     FileCase{kXpConfig, "</OsType>", IMPLVM_CALL(VirtualMachineImpl_Parallels4_GetVMInfo,
-             {{"Name", kParallels + "Windows XP.pvm"}}),                           {E, E, 0, 0, E, E}},
+             {{"Name", kPvm + "Windows XP.pvm"}}), "EE00EE"},
     FileCase{"/Users/robin/Library/Application Support/VMware Fusion/vmInventory", ".config = \"",
              IMPLVM_CALL(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs, Json::object(), kFusion),
-                                                                                   {0, 0, 0, 0, 0, 0}},
+             "000000"},
     FileCase{kWindows7, "guestOS", IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
-             {{"Name", kWindows7}}, kFusion),                                      {E, E, E, E, E, E}},
-    FileCase{kWindows7, "ethernet0.connectionType", IMPLVM_CALL(
-             VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kWindows7}}, kFusion),
-                                                                                   {E, E, E, E, 0, E}},
-    FileCase{kVmware + "Debian 11.vmwarevm/vmware.log", "VMAutomation_Pause",
+             {{"Name", kWindows7}}, kFusion), "EEEEEE"},
+    FileCase{kWindows7, "ethernet0.connectionType",
+             IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kWindows7}}, kFusion),
+             "EEEE0E"},
+    FileCase{kVmx + "Debian 11.vmwarevm/vmware.log", "VMAutomation_Pause",
              IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
-             {{"Name", kVmware + "Debian 11.vmwarevm/Debian 11.vmx"}}, kFusion),   {0, 0, 0, 0, 0, 0}},
+             {{"Name", kVmx + "Debian 11.vmwarevm/Debian 11.vmx"}}, kFusion), "000000"},
     FileCase{"/Users/robin/Library/VirtualBox/VirtualBox.xml", "<MachineEntry",
              IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_EnumerateVMs, Json::object(), "7.0.14"),
-                                                                                   {0, 0, 0, 0, 0, 0}},
-    FileCase{kUbuntuServer, "<Machine uuid=", IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo,
-             {{"Name", kUbuntuServer}}),                                           {E, E, E, E, E, E}},
+             "000000"},
+    FileCase{kServer, "<Machine uuid=", IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo,
+             {{"Name", kServer}}), "EEEEEE"},
     FileCase{"/Applications/VMware Fusion.app/Contents/Info.plist", "CFBundleShortVersionString",
              IMPLVM_CALL(VirtualMachineImpl_Common_GetProductVersion,
-             {{"BundleId", "com.vmware.fusion"}}),                                 {N, N, N, N, N, N}}),
+             {{"BundleId", "com.vmware.fusion"}}), "NNNNNN"}),
     [](const auto& p) { return std::to_string(p.index) + "_" + Name(p.param.call); });
 // clang-format on
-
-// ---- tools ----
-
-enum Behaviour { kHangsUpEarly, kSilent, kFlood, kKilled, kNotExecutable, kNeverEnds, kBehaviours };
-const char* const kBehaviourNames[kBehaviours] = {"hangs up early",    "prints nothing",
-                                                  "floods its output", "dies from SIGSEGV",
-                                                  "not executable",    "never ends"};
 
 struct ToolCase {
     std::string tool;  // Mac path
     MethodCall call;
-    std::array<int, kBehaviours> codes;  // in the order of Behaviour
+    std::string codes;
 };
 
 class BadTools : public testing::TestWithParam<ToolCase> {};
 
 TEST_P(BadTools, GetADefiniteCode) {
     const ToolCase& c = GetParam();
-    TestMachine mac;
+    implvm_test::TestMachine mac;
     mac.copyDemoMac();
     const std::string line((64 << 10) - 1, 'x');
-    const FakeResponse responses[kBehaviours] = {
-        {.hangUp = true},    {}, {.out = line + "\n", .outRepeat = kHugeBytes / (64 << 10)},
-        {.signal = SIGSEGV}, {}, {.sleepSeconds = 60}};
-    for (int b = 0; b < kBehaviours; ++b) {
-        mac.installTool(c.tool).respond(responses[b]);
-        if (b == kNotExecutable) {
+    const std::pair<const char*, FakeResponse> behaviours[] = {
+        {"hangs up early", {.hangUp = true}},
+        {"prints nothing", {}},
+        {"floods its output", {.out = line + "\n", .outRepeat = kHugeBytes / (64 << 10)}},
+        {"dies from SIGSEGV", {.signal = SIGSEGV}},
+        {"not executable", {}},
+        {"never ends", {.sleepSeconds = 60}}};
+    for (int b = 0; b < 6; ++b) {
+        mac.installTool(c.tool).respond(behaviours[b].second);
+        if (b == 4) {
             mac.remove(c.tool);
             mac.writeFile(c.tool, "#!/bin/sh\necho never\n");  // mode 0644
         }
         // The host's limit, made short for the tool that never ends.
-        if (b == kNeverEnds) ::setenv("KALDO_TOOL_TIMEOUT", "0.3", 1);
-        const CallResult r = c.call.run();
+        if (b == 5) ::setenv("KALDO_TOOL_TIMEOUT", "0.3", 1);
+        Expect(c.call, c.codes, b, c.tool + " " + behaviours[b].first + ": " + c.call.name);
         ::unsetenv("KALDO_TOOL_TIMEOUT");
-        const std::string what = c.tool + " " + kBehaviourNames[b] + ": " + c.call.name;
-        EXPECT_EQ(r.result, c.codes[static_cast<size_t>(b)]) << what;
-        ExpectAccountedFor(r, what);
     }
 }
 
-const std::string kVBoxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage";
-const std::string kVmrun = "/Applications/VMware Fusion.app/Contents/Library/vmrun";
+const std::string kVBoxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage",
+                  kVmrun = "/Applications/VMware Fusion.app/Contents/Library/vmrun";
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Tools, BadTools, testing::Values(
-    //                                                                  hang-up silent flood killed no-exec never
+    //                          hang-up silent flood killed no-exec never
     ToolCase{kVBoxManage, IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo,
-             {{"Name", kUbuntuServer}}),                                        {E, E, E, E, A, E}},
+             {{"Name", kServer}}), "EEEEAE"},
     // A killed action tool reads as a failed exit without "error" in its
     // text, which the answer tables count as done.
     ToolCase{kVBoxManage, IMPLVM_CALL(VirtualMachineImpl_VirtualBox_4_X_StartVM,
-             {{"Name", "Debian 12"}}),                                          {0, 0, 0, 0, A, E}},
+             {{"Name", "Debian 12"}}), "0000AE"},
     ToolCase{kVmrun, IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_StartVM,
-             {{"Name", kVmware + "macOS 10.15.vmwarevm/macOS 10.15.vmx"}}, kFusion), {0, 0, 0, 0, A, E}},
+             {{"Name", kVmx + "macOS 10.15.vmwarevm/macOS 10.15.vmx"}}, kFusion), "0000AE"},
     ToolCase{kVmrun, IMPLVM_CALL(VirtualMachineImpl_VmWareFusion4_ListSnapshots,
-             {{"Name", kWindows7}}, kFusion),                                   {E, E, E, E, A, E}},
-    ToolCase{"/usr/sbin/system_profiler", IMPLVM_CALL(VirtualMachineImpl_Common_IsMachineVirtual),
-                                                                                {0, 0, 0, 0, E, E}},
+             {{"Name", kWindows7}}, kFusion), "EEEEAE"},
+    ToolCase{"/usr/sbin/system_profiler",
+             IMPLVM_CALL(VirtualMachineImpl_Common_IsMachineVirtual), "0000EE"},
     // Without a process listing the running VM's state is unknown.
     ToolCase{"/bin/ps", IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
-             {{"Name", kWindows7}}, kFusion),                                   {E, E, 0, E, E, E}},
+             {{"Name", kWindows7}}, kFusion), "EE0EEE"},
     ToolCase{"/Applications/Parallels Desktop.app/Contents/MacOS/prlctl",
              IMPLVM_CALL(ImplVirtualMachine_Parallels_9_X_OperateVM,
-             {{"Name", kXpConfig}, {"COMMAND", "stop"}}),                       {0, 0, 0, 0, A, T}},
+             {{"Name", kXpConfig}, {"COMMAND", "stop"}}), "0000AT"},
     ToolCase{"/usr/bin/open", IMPLVM_CALL(VirtualMachineImpl_Parallels4_StartVM,
-             {{"Name", kParallels + "Ubuntu 22.04.pvm"}}),                      {0, 0, 0, E, E, E}}),
+             {{"Name", kPvm + "Ubuntu 22.04.pvm"}}), "000EEE"}),
     [](const auto& p) { return std::to_string(p.index) + "_" + Name(p.param.call); });
 // clang-format on
 
-// ---- inputs ----
-
-// Every method that reads inputs, with each input in turn missing and then
-// given as an integer or a map instead of text.
+// Every method that reads inputs, with each input in turn missing, an integer
+// or a map instead of text.
 TEST(BadInputs, MissingOrWrongKindIsRecordedAndRunsNothing) {
-    TestMachine mac;
+    implvm_test::TestMachine mac;
     mac.copyDemoMac();
     std::vector<MethodCall> calls = implvm_test::ReadingCalls();
     for (MethodCall& action : implvm_test::ActionCalls()) calls.push_back(std::move(action));

@@ -1,9 +1,7 @@
-// Eight threads read one Mac at once through every reading method. A host
-// calls the module from many threads; the module keeps no state and the
-// support library's shared pieces (error log, machine root, failpoints, the
-// tool runner) lock. Under ThreadSanitizer (make test-tsan) this test is the
-// race detector's workload; in the normal build it checks that answers and
-// the error log do not depend on what runs beside a call.
+// Eight threads read one Mac through every reading method, as a host calls
+// the module. Under ThreadSanitizer (make test-tsan) this is the race
+// detector's workload; otherwise it checks that answers and the error log do
+// not depend on what runs beside a call.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -46,8 +44,7 @@ TEST(Concurrency, EightThreadsReadingOneMacGetTheSingleThreadedAnswers) {
     std::vector<std::thread> threads;
     for (size_t t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            // Each thread starts elsewhere in the list, so different methods
-            // and the same method meet.
+            // Starting elsewhere in the list: different methods and the same meet.
             for (size_t i = 0; i < calls.size(); ++i) {
                 const size_t k = (i + t * calls.size() / kThreads) % calls.size();
                 const CallResult got = calls[k].run();

@@ -1,23 +1,21 @@
-// implvm end to end: the built binary run as a user runs it.
+// implvm's call and methods commands, run as a user runs them, and how it
+// finds the installed hypervisors and the methods that fit their versions.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <tuple>
 
 #include "ElfSymbols.h"
+#include "Installed.h"
 #include "MethodNames.h"
 #include "TestMachine.h"
 
+using implvm_test::Implvm;
 using implvm_test::Json;
-using implvm_test::ProcessResult;
 using Args = std::vector<std::string>;
 
 namespace {
-
-ProcessResult Implvm(Args args) {
-    args.insert(args.begin(), IMPLVM_BIN);
-    // The test process's own machine root must not leak into the child.
-    return implvm_test::RunProcess(args, {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}});
-}
 
 TEST(ImplvmCall, InputsReachTheMethodAsTreeKinds) {
     const std::pair<Args, int> rows[] = {
@@ -35,18 +33,18 @@ TEST(ImplvmCall, InputsReachTheMethodAsTreeKinds) {
         Args args = {"call", "VirtualMachineImpl_Common_GetHypervisorType"};
         args.insert(args.end(), inputs.begin(), inputs.end());
         const auto r = Implvm(args);
-        const Json outputs = type < 0 ? Json() : Json{{"HypervisorType", type}};
-        EXPECT_EQ(
-            Json::parse(r.out),
-            (Json{{"result", std::min(type, 0)}, {"outputs", outputs}, {"errors", Json::array()}}));
+        EXPECT_EQ(Json::parse(r.out),
+                  (Json{{"result", std::min(type, 0)},
+                        {"outputs", type < 0 ? Json() : Json{{"HypervisorType", type}}},
+                        {"errors", Json::array()}}));
         EXPECT_EQ(r.exitCode, type < 0 ? 1 : 0);
         EXPECT_EQ(r.err, "");
     }
 }
 
 TEST(ImplvmCall, MistakesGiveOneLineOnStandardErrorAndStatusTwo) {
-    const std::string type = "VirtualMachineImpl_Common_GetHypervisorType";
-    const std::string version = "VirtualMachineImpl_Common_GetModuleVersion";
+    const std::string type = "VirtualMachineImpl_Common_GetHypervisorType",
+                      version = "VirtualMachineImpl_Common_GetModuleVersion";
     const std::pair<Args, std::string> rows[] = {
         // clang-format off
         {{}, "command"},
@@ -84,29 +82,70 @@ TEST(ImplvmMethods, ListsTheExportedMethodFunctionsOnly) {
 TEST(ImplvmRoot, ToolsFilesAndFailpointsOfTheRoot) {
     implvm_test::TestMachine mac;
     mac.installApp("/Applications/VMware Fusion.app", "com.vmware.fusion", "13.5.2");
-    mac.installTool("/usr/sbin/system_profiler").respond("Model Identifier: VMware7,1\n");
     const Args product = {"call", "VirtualMachineImpl_Common_GetProductVersion", "--in",
                           "BundleId=com.vmware.fusion"};
-    auto call = [&](Args args) {
+    const auto call = [&](Args args) {
         args.insert(args.begin(), {"--root", mac.root()});
         return Json::parse(Implvm(args).out);
     };
     // Paths come back as the Mac sees them, never with the root in front.
     EXPECT_EQ(call(product)["outputs"],
               (Json{{"ProductVersion", "13.5.2"}, {"AppPath", "/Applications/VMware Fusion.app"}}));
-    EXPECT_EQ(call({"call", "VirtualMachineImpl_Common_IsMachineVirtual"})["outputs"],
-              (Json{{"IsMachineVirtual", 1}, {"VMCompanyName", "VMware, Inc."}}));
 
-    Args failing = {"--fail", "getInputsForMethod=-4"};
-    failing.insert(failing.end(), product.begin(), product.end());
-    const Json doc = call(failing);
-    EXPECT_EQ(doc["result"], -1);
-    EXPECT_TRUE(doc["outputs"].is_null());
+    Json doc =
+        call({"--fail", "getInputsForMethod=-4", product[0], product[1], product[2], product[3]});
     ASSERT_EQ(doc["errors"].size(), 1u);
-    EXPECT_EQ(doc["errors"][0]["code"], -1);
-    EXPECT_TRUE(doc["errors"][0]["file"].get<std::string>().ends_with(
-        "Impl_Mac/ImplVirtualMachine/ImplVirtualMachine_Common.cpp"));
-    EXPECT_GT(doc["errors"][0]["line"].get<int>(), 0);
+    const auto file = doc["errors"][0]["file"].get<std::string>();
+    EXPECT_TRUE(file.ends_with("Impl_Mac/ImplVirtualMachine/ImplVirtualMachine_Common.cpp"));
+    EXPECT_GT(doc["errors"][0]["line"], 0);
+    doc["errors"][0].erase("file");
+    doc["errors"][0].erase("line");
+    EXPECT_EQ(doc, Json::parse(R"({"result": -1, "outputs": null, "errors": [{"code": -1}]})"));
+}
+
+// "enumerate start(argument) stop-command pause snapshot-take", "-" for none.
+std::string Summary(const implvm::ProductMethods& m) {
+    const auto name = [](const char* method) {
+        return method == nullptr ? std::string("-") : strchr(method, '_') + 1;
+    };
+    const implvm::ActionMethod &start = m.action(implvm::VmAction::kStart),
+                               &stop = m.action(implvm::VmAction::kStop);
+    const char* arguments[] = {"(id)", "(config)", "(name)"};
+    return name(m.enumerate) + " " + name(start.method) +
+           (start ? arguments[static_cast<int>(start.argument)] : "") + " " +
+           (stop ? (stop.command != nullptr ? stop.command : "\"\"") : "-") + " " +
+           name(m.action(implvm::VmAction::kPause).method) + " " +
+           name(m.action(implvm::VmAction::kSnapshotTake).method);
+}
+
+TEST(Installed, ProductVersionsPickTheMethodsWrittenForThem) {
+    const implvm::Module module(IMPLVM_MODULE_PATH);
+    const auto p = implvm::Hypervisor::kParallels, f = implvm::Hypervisor::kVmWareFusion,
+               v = implvm::Hypervisor::kVirtualBox;
+    const std::tuple<implvm::Hypervisor, std::string, std::string> rows[] = {
+        // clang-format off
+        {p, "3.0", "- - - - -"},
+        {p, "8.0.18619", "Parallels4_EnumerateVMs Parallels4_StartVM(id) - - -"},
+        {p, "9.0.24172", "Parallels4_EnumerateVMs Parallels_9_X_StartVM(config) stop Parallels_9_X_OperateVM -"},
+        {f, "3.1.4", "VmWareFusion1_EnumerateVMs VmWareFusion1_StartVM(id) \"\" - -"},
+        {f, "4.1.3", "VmWareFusion1_EnumerateVMs VmWareFusion1_StartVM(id) \"\" - VmWareFusion4_AddSnapshot"},
+        {f, "5.0.0", "VmWareFusion_5x_EnumerateVMs VmWareFusion1_StartVM(id) \"\" - VmWareFusion4_AddSnapshot"},
+        {v, "1.6.6", "- - - - -"},
+        {v, "3.2.28", "VirtualBox2_EnumerateVMs - - - -"},
+        {v, "4.3.12", "VirtualBox2_EnumerateVMs VirtualBox_4_X_StartVM(name) \"\" VirtualBox_4_X_PauseVM -"},
+        // clang-format on
+    };
+    for (const auto& [hypervisor, version, methods] : rows) {
+        implvm_test::TestMachine mac;
+        mac.setConsoleUser("ann", 501, "/Users/ann");
+        mac.installApp("/Applications/Any.app", implvm::FactsOf(hypervisor).bundleId, version);
+        const implvm::Product product = implvm::FindProduct(module, hypervisor);
+        EXPECT_EQ(product.installed, true);
+        EXPECT_EQ(product.version + " " + product.appPath, version + " /Applications/Any.app");
+        EXPECT_EQ(Summary(product.methods), methods) << version;
+        EXPECT_EQ(product.served(), methods[0] != '-');
+        EXPECT_EQ(product.methods.info == nullptr, !product.served());
+    }
 }
 
 }  // namespace

@@ -12,9 +12,8 @@ using implvm_test::ProcessResult;
 
 namespace {
 
-const std::string kPvm = "/Users/robin/Parallels/";
-const std::string kVmx = "/Users/robin/Virtual Machines.localized/";
-const std::string kVbox = "/Users/robin/VirtualBox VMs/";
+const std::string kPvm = "/Users/robin/Parallels/", kVbox = "/Users/robin/VirtualBox VMs/",
+                  kVmx = "/Users/robin/Virtual Machines.localized/";
 const std::string kUbuntuPvm = kPvm + "Ubuntu 22.04.pvm";                          // stopped
 const std::string kXpPvm = kPvm + "Windows XP.pvm";                                // running
 const std::string kServerPvm = kPvm + "Windows Server 2008.pvm";                   // suspended
@@ -24,8 +23,7 @@ const std::string kMacVmx = kVmx + "macOS 10.15.vmwarevm/macOS 10.15.vmx";      
 const std::string kDebianVbox = kVbox + "Debian 12/Debian 12.vbox";                // off
 const std::string kUbuntuVbox = kVbox + "Ubuntu 22.04 Server/Ubuntu 22.04 Server.vbox";  // running
 
-// The VM's "State" as the module reads it now, in this process (the test
-// machine is the machine root here too).
+// The VM's "State" as the module reads it in this process.
 int StateOf(const std::string& id) {
     ImplVmMethod* info = id.ends_with(".pvm")   ? VirtualMachineImpl_Parallels4_GetVMInfo
                          : id.ends_with(".vmx") ? VirtualMachineImpl_VmWareFusion1_GetVMInfo
@@ -40,12 +38,11 @@ protected:
     void SetUp() override { mac_.copyDemoMac(); }
 
     ProcessResult Implvm(std::vector<std::string> args) {
-        args.insert(args.begin(), {IMPLVM_BIN, "--root", mac_.root()});
-        return implvm_test::RunProcess(args, {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}});
+        args.insert(args.begin(), {"--root", mac_.root()});
+        return implvm_test::Implvm(args);
     }
 
-    // Every VM's "State" as the inventory reports it (a broken VM's failure
-    // code).
+    // Every VM's "State" as the inventory reports it, or its failure code.
     std::map<std::string, int> States() {
         const Json document = Json::parse(Implvm({"inventory", "--json"}).out);
         std::map<std::string, int> byId;
@@ -65,6 +62,7 @@ TEST_F(VmCommands, ActionsChangeTheVmAndSayWhatHappened) {
     const std::string pd = "Parallels Desktop 18.3.2, ", vf = "VMware Fusion 13.5.0, ",
                       vb = "VirtualBox 7.0.14, ", pd9 = "ImplVirtualMachine_Parallels_9_X_",
                       vf1 = "VirtualMachineImpl_VmWareFusion1_",
+                      vf4 = "VirtualMachineImpl_VmWareFusion4_",
                       vb4 = "VirtualMachineImpl_VirtualBox_4_X_";
     const struct {
         std::vector<std::string> args;
@@ -77,6 +75,10 @@ TEST_F(VmCommands, ActionsChangeTheVmAndSayWhatHappened) {
         {{"stop", kUbuntuVbox}, kUbuntuVbox, 1, 3, kUbuntuVbox + ": stopped (" + vb + vb4 + "StopVM"},
         {{"pause", "Debian 12"}, kDebianVbox, 1, 2, "Debian 12: paused (" + vb + vb4 + "PauseVM"},
         {{"suspend", kWin7Vmx}, kWin7Vmx, 1, 2, kWin7Vmx + ": suspended (" + vf + vf1 + "SuspendVM"},
+        {{"snapshot", "take", kWin7Vmx, "Before update"}, kWin7Vmx, 2, 2,
+         kWin7Vmx + ": took snapshot \"Before update\" (" + vf + vf4 + "AddSnapshot"},
+        {{"snapshot", "delete", kWin7Vmx, "Clean install"}, kWin7Vmx, 2, 2,
+         kWin7Vmx + ": deleted snapshot \"Clean install\" (" + vf + vf4 + "DeleteSnapshot"},
         {{"start", kUbuntuVmx}, kUbuntuVmx, 2, 1, kUbuntuVmx + ": started (" + vf + vf1 + "StartVM"},
         {{"stop", kMacVmx}, kMacVmx, 3, 3, kMacVmx + ": stopped (" + vf + vf1 + "StopVM"},
         {{"start", kUbuntuPvm}, kUbuntuPvm, 3, 1, kUbuntuPvm + ": started (" + pd + pd9 + "StartVM"},
@@ -93,12 +95,17 @@ TEST_F(VmCommands, ActionsChangeTheVmAndSayWhatHappened) {
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(StateOf(row.id), row.after) << row.line;
     }
+    const ProcessResult list = Implvm({"snapshot", "list", kWin7Vmx});
+    EXPECT_EQ(list.exitCode, 0);
+    EXPECT_EQ(list.out, kWin7Vmx + ": 2 snapshots (" + vf + vf4 +
+                            "ListSnapshots answered 0)\n  Service Pack 1\n  Before update\n");
 }
 
 // Refused and failed commands say why in one line and change nothing; a
 // start of one VM per hypervisor changes exactly those three.
 TEST_F(VmCommands, RefusalsChangeNothingAndStartsChangeTheirVmOnly) {
     std::map<std::string, int> expected = States();
+    ASSERT_EQ(Implvm({"snapshot", "take", kMacVmx, "a"}).exitCode, 0);
     const struct {
         std::vector<std::string> args;
         int exitCode;
@@ -118,6 +125,8 @@ TEST_F(VmCommands, RefusalsChangeNothingAndStartsChangeTheirVmOnly) {
                                     "VirtualMachineImpl_VirtualBox_4_X_PauseVM answered -1\\)"},
         {{"snapshot", "delete", kWin7Vmx, "nope"}, 1, ".*: could not delete snapshot \"nope\": the VM, its "
             "configuration file or the snapshot cannot be found or opened \\(.* answered -6\\)"},
+        // Off and unchanged since its last snapshot.
+        {{"snapshot", "take", kMacVmx, "b"}, 1, ".*nothing changed since the last snapshot.*"},
         // clang-format on
     };
     for (const auto& row : rows) {
@@ -145,27 +154,6 @@ TEST_F(VmCommands, RefusalsChangeNothingAndStartsChangeTheirVmOnly) {
     EXPECT_EQ(r.err,
               "implvm: 'Debian 12' names 2 VirtualBox machines; give the settings file "
               "instead (implvm inventory lists it)\n");
-}
-
-TEST_F(VmCommands, SnapshotsTakenListedAndDeleted) {
-    const std::string how = " (VMware Fusion 13.5.0, VirtualMachineImpl_VmWareFusion4_";
-    EXPECT_EQ(Implvm({"snapshot", "take", kWin7Vmx, "Before update"}).out,
-              kWin7Vmx + ": took snapshot \"Before update\"" + how + "AddSnapshot answered 0)\n");
-    EXPECT_EQ(
-        Implvm({"snapshot", "delete", kWin7Vmx, "Clean install"}).out,
-        kWin7Vmx + ": deleted snapshot \"Clean install\"" + how + "DeleteSnapshot answered 0)\n");
-    const ProcessResult list = Implvm({"snapshot", "list", kWin7Vmx});
-    EXPECT_EQ(list.exitCode, 0);
-    EXPECT_EQ(list.out, kWin7Vmx + ": 2 snapshots" + how +
-                            "ListSnapshots answered 0)\n  Service Pack 1\n  Before update\n");
-
-    // A VM that is off and unchanged since its last snapshot: nothing to take.
-    EXPECT_EQ(Implvm({"snapshot", "take", kMacVmx, "a"}).exitCode, 0);
-    const ProcessResult again = Implvm({"snapshot", "take", kMacVmx, "b"});
-    EXPECT_EQ(again.exitCode, 1);
-    EXPECT_NE(again.err.find("nothing changed since the last snapshot"), std::string::npos);
-    EXPECT_EQ(Implvm({"snapshot", "list", kMacVmx}).out,
-              kMacVmx + ": 1 snapshot" + how + "ListSnapshots answered 0)\n  a\n");
 }
 
 }  // namespace

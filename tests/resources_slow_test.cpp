@@ -1,7 +1,6 @@
-// Ten thousand calls in one process, readers and tool-running actions mixed,
-// on the simulated Mac: a host that runs for years must end where it began in
-// open descriptors, child processes and resident memory. (The Parallels 9.x
-// start is left out: its forked child outlives the call by design.)
+// Ten thousand calls in one process, readers and tool-running actions mixed:
+// a host that runs for years must end where it began in open descriptors,
+// child processes and resident memory.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -9,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "DemoMac.h"
@@ -17,10 +17,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The sanitizers' own bookkeeping grows the resident set, and their slower
-// calls make a tenth of the calls enough to show a descriptor or child lost.
+// The sanitizers' bookkeeping grows the resident set; a tenth of the calls
+// still shows a descriptor or child lost.
 constexpr int kCalls = implvm_test::kSanitized ? 1000 : 10000;
-constexpr long kResidentSlackKiB = 4096;
 
 struct Usage {
     long descriptors = 0, children = 0, residentKiB = -1;
@@ -28,11 +27,10 @@ struct Usage {
 
 Usage Measure() {
     Usage usage;
-    for ([[maybe_unused]] const auto& fd : fs::directory_iterator("/proc/self/fd"))
-        ++usage.descriptors;
-    --usage.descriptors;  // the listing's own
-    // Processes whose parent is this one, zombies included. The line is
-    // "pid (comm) state ppid ...", and comm may hold spaces.
+    // Less the listing's own.
+    usage.descriptors = std::distance(fs::directory_iterator("/proc/self/fd"), {}) - 1;
+    // Children, zombies included, from "pid (comm) state ppid ..." (comm may
+    // hold spaces).
     for (const auto& process : fs::directory_iterator("/proc")) {
         std::string line;
         std::getline(std::ifstream(process.path() / "stat"), line);
@@ -54,15 +52,14 @@ TEST(Resources, TenThousandCallsEndWhereTheyBegan) {
     std::vector<implvm_test::MethodCall> calls = implvm_test::ReadingCalls();
     for (auto& action : implvm_test::ActionCalls()) calls.push_back(std::move(action));
 
-    // One round first: lazily built tables, the allocator's pools and the
-    // error log's first records belong to the baseline.
+    // Lazily built tables, allocator pools and the log's first records
+    // belong to the baseline.
     for (const auto& call : calls) call.run();
     KALDO::CErrorInfo::clearErrors();
     const Usage before = Measure();
     for (int i = 0; i < kCalls; ++i) {
         calls[static_cast<size_t>(i) % calls.size()].run();
-        // A host reads and empties the log now and then; its cap is tested
-        // with the library.
+        // As a host reads and empties the log now and then.
         if (i % 1000 == 999) KALDO::CErrorInfo::clearErrors();
     }
     const Usage after = Measure();
@@ -73,7 +70,7 @@ TEST(Resources, TenThousandCallsEndWhereTheyBegan) {
     EXPECT_EQ(after.descriptors, before.descriptors);
     EXPECT_EQ(after.children, 0);
     if (!implvm_test::kSanitized) {
-        EXPECT_LE(after.residentKiB, before.residentKiB + kResidentSlackKiB);
+        EXPECT_LE(after.residentKiB, before.residentKiB + 4096);
     }
 }
 
