@@ -28,7 +28,7 @@ TEST(Concurrency, EightThreadsReadingOneMacGetTheSingleThreadedAnswers) {
     implvm_test::TestMachine mac;
     mac.copyDemoMac();
     const std::vector<implvm_test::MethodCall> calls = implvm_test::ReadingCalls();
-    ASSERT_GT(calls.size(), 30u) << "the demo Mac's inventories came back short";
+    ASSERT_GT(calls.size(), 30u);
 
     std::vector<CallResult> expected;
     std::vector<KALDO::ErrorRecord> records;
@@ -42,7 +42,7 @@ TEST(Concurrency, EightThreadsReadingOneMacGetTheSingleThreadedAnswers) {
     KALDO::CErrorInfo::clearErrors();
     std::vector<std::string> mismatches[kThreads];
     std::vector<std::thread> threads;
-    for (size_t t = 0; t < kThreads; ++t) {
+    for (size_t t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
             // Starting elsewhere in the list: different methods and the same meet.
             for (size_t i = 0; i < calls.size(); ++i) {
@@ -53,7 +53,6 @@ TEST(Concurrency, EightThreadsReadingOneMacGetTheSingleThreadedAnswers) {
                                             " " + got.outputs.dump());
             }
         });
-    }
     for (std::thread& thread : threads) thread.join();
 
     for (size_t t = 0; t < kThreads; ++t)

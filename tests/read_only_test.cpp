@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "DemoMac.h"
@@ -21,7 +20,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// "path: mode size mtime hash-or-link-target", one line per entry.
+// "path: mode mtime hash-or-link-target", one line per entry.
 std::string Snapshot(const std::string& root) {
     std::map<std::string, std::string> entries;
     for (auto it = fs::recursive_directory_iterator(root); it != fs::end(it); ++it) {
@@ -32,8 +31,8 @@ std::string Snapshot(const std::string& root) {
         struct stat st {};
         ::lstat(it->path().c_str(), &st);
         std::string& fact = entries[fs::relative(it->path(), root).string()];
-        fact = std::to_string(st.st_mode) + " " + std::to_string(st.st_size) + " " +
-               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+        fact = std::to_string(st.st_mode) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+               std::to_string(st.st_mtim.tv_nsec);
         if (S_ISREG(st.st_mode)) {
             std::ifstream in(it->path(), std::ios::binary);
             fact +=
@@ -57,14 +56,9 @@ TEST(ReadOnly, MethodsLeaveEveryFileOfTheMacAsItWas) {
         ASSERT_EQ(Snapshot(mac.root()), before) << call.label();
     }
 
-    // Fakes that answer success and touch nothing show what the module itself
-    // does (the simulators act on their VMs' files as the hypervisors would).
-    for (const char* tool :
-         {"/Applications/Parallels Desktop.app/Contents/MacOS/prlctl",
-          "/Applications/Parallels Desktop.app/Contents/MacOS/prl_client_app",
-          "/Applications/VMware Fusion.app/Contents/Library/vmrun",
-          "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage", "/usr/bin/open"})
-        mac.installTool(tool).respond("");
+    // Fakes that touch nothing show what the module itself does (the
+    // simulators act on their VMs' files as the hypervisors would).
+    implvm_test::UseRecordedTools(mac);
     const std::vector<implvm_test::MethodCall> calls = implvm_test::ActionCalls(true);
     ASSERT_GT(calls.size(), 20u);
     before = Snapshot(mac.root());
