@@ -261,7 +261,7 @@ int VirtualMachineImpl_Parallels4_EnumerateVMs(int, int, int, const KALDO::CSoft
     // the host sees it as no VMs.
     std::vector<std::wstring> homes;
     (void)VirtualMachineImpl_Parallels4_GetAllVms(homes);
-    ImplVm::WriteVmList(outputs, homes);
+    ImplVm::WriteVmList(outputs, std::move(homes));
     return 0;
 }
 

@@ -213,7 +213,7 @@ int VirtualMachineImpl_VirtualBox2_EnumerateVMs(int, int, int,
                                                 const typeProperty*, typeProperty* outputs) {
     std::vector<std::wstring> vms;
     (void)VirtualMachineImpl_VirtualBox2_GetAllVms(&vms, MajorVersionOf(version));
-    ImplVm::WriteVmList(outputs, vms);
+    ImplVm::WriteVmList(outputs, std::move(vms));
     return 0;
 }
 

@@ -52,8 +52,8 @@ void ScanInventory(const std::wstring& text, std::vector<std::wstring>& vmxPaths
     size_t from = 0;
     for (;;) {
         size_t valuePos = npos;
-        std::wstring value = CStringUtils::ExtractStringBetweenEnhance(
-            text, kConfigBegin, kConfigEnd, from, &valuePos);
+        std::wstring value = CStringUtils::ExtractStringBetweenEnhance(text, kConfigBegin,
+                                                                       kConfigEnd, from, &valuePos);
         if (valuePos == npos) return;
         if (value.empty()) {
             from = valuePos + kConfigEnd.size();
@@ -408,7 +408,7 @@ int VirtualMachineImpl_VmWareFusion1_EnumerateVMs(int, int, int, const KALDO::CS
     // Whatever the library gave up to a failure is still worth publishing.
     std::vector<std::wstring> vmxPaths;
     VirtualMachineImpl_VmWareFusion1_GetAllVms(vmxPaths);
-    ImplVm::WriteVmList(outputs, vmxPaths);
+    ImplVm::WriteVmList(outputs, std::move(vmxPaths));
     return 0;
 }
 
@@ -427,7 +427,7 @@ int VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs(int, int, int, const KALDO::
         if (KALDO::CFileUtils::ReadFromTextFile(home + kInventory, text) >= 0)
             ScanInventory(text, vmxPaths);
     }
-    ImplVm::WriteVmList(outputs, vmxPaths);
+    ImplVm::WriteVmList(outputs, std::move(vmxPaths));
     return 0;
 }
 

@@ -15,14 +15,16 @@ int ReadInput(const KALDO::typeProperty* inputs, const wchar_t* key, std::wstrin
     return inputs->lookupString(key, value);
 }
 
-void WriteVmList(KALDO::typeProperty* outputs, const std::vector<std::wstring>& ids) {
+void WriteVmList(KALDO::typeProperty* outputs, std::vector<std::wstring>&& ids) {
     KALDO::typeProperty list;
     list.changeTypeToVec();
-    for (const std::wstring& id : ids) {
+    for (std::wstring& id : ids) {
         KALDO::typeProperty item;
         item.setVal(id);
+        std::wstring().swap(id);
         list.addVecVal(item);
     }
+    std::vector<std::wstring>().swap(ids);
     outputs->addSubTree(L"VMs", list);
 }
 

@@ -26,8 +26,11 @@ int Record(int code, const char* file, int line);
 // own code is returned (negative when the key is missing).
 int ReadInput(const KALDO::typeProperty* inputs, const wchar_t* key, std::wstring& value);
 
-// Writes `ids` as the "VMs" vector of string values, also when empty.
-void WriteVmList(KALDO::typeProperty* outputs, const std::vector<std::wstring>& ids);
+// Writes `ids` as the "VMs" vector of string values, also when empty. Each
+// id is let go once the list holds its copy, so that a large inventory
+// holds two copies of its list at the most (the list and the outputs' copy
+// of it), not three.
+void WriteVmList(KALDO::typeProperty* outputs, std::vector<std::wstring>&& ids);
 
 // Copies `keys` from a VM description to the outputs, in order, only when
 // every key is there. The first missing key is recorded (propagated) at
