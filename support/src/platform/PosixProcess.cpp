@@ -220,14 +220,20 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
 
     // A tool may close its output and go on running (or hang): the deadline
     // holds until it has ended. Its end usually follows the pipes' closing
-    // within microseconds, so the looks start close together.
+    // within some tens of microseconds, less than the shortest sleep the
+    // system's timer gives, so for the first two milliseconds the looks only
+    // yield the processor (to the tool, on a machine with one core); then they
+    // sleep, longer each time.
+    const Clock::time_point yieldUntil = Clock::now() + std::chrono::milliseconds(2);
     for (auto pause = std::chrono::microseconds(50); limited && !reaped && !timedOut;) {
         if (WaitFor(pid, false, status) == pid) {
             reaped = true;
-        } else if (Clock::now() >= deadline) {
+        } else if (const Clock::time_point now = Clock::now(); now >= deadline) {
             timedOut = true;
+        } else if (now < yieldUntil) {
+            std::this_thread::yield();
         } else {
-            std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - Clock::now()));
+            std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - now));
             pause = std::min(pause * 2, std::chrono::microseconds(20000));
         }
     }
