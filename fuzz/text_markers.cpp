@@ -1,6 +1,7 @@
 // Marker matching and the other text operations against plain reference
 // readings of their documented rules: a search that tries every position in
-// turn (ASCII letters folded, a marker's line feed also matching CR LF), and
+// turn (ASCII letters folded, a marker's line feed also matching CR LF, a
+// bare start tag also matching the tag with attributes), and
 // the documented relations between the operations (the Ex form collects what
 // the single form finds one after the other; ExtractStringBetween and both
 // Enhance forms agree).
@@ -41,14 +42,41 @@ size_t MatchEnd(std::wstring_view text, size_t at, std::wstring_view marker) {
     return at;
 }
 
+bool IsNameChar(wchar_t c, bool first) {
+    const wchar_t l = Lower(c);
+    return (l >= L'a' && l <= L'z') || c == L'_' || c == L':' || c > 0x7F ||
+           (!first && ((c >= L'0' && c <= L'9') || c == L'-' || c == L'.'));
+}
+
+bool IsBareStartTag(std::wstring_view marker) {
+    if (marker.size() < 3 || marker.front() != L'<' || marker.back() != L'>') return false;
+    for (size_t i = 1; i + 1 < marker.size(); ++i)
+        if (!IsNameChar(marker[i], i == 1)) return false;
+    return true;
+}
+
+// "<Name>" at `at`: as written, or "<Name", a blank, anything but ">", then a
+// ">" not preceded by "/".
+size_t StartTagEnd(std::wstring_view text, size_t at, std::wstring_view marker) {
+    const size_t end = MatchEnd(text, at, marker);
+    if (end != npos) return end;
+    const size_t open = MatchEnd(text, at, marker.substr(0, marker.size() - 1));
+    if (open == npos || open >= text.size() ||
+        std::wstring_view(L" \t\r\n").find(text[open]) == npos)
+        return npos;
+    const size_t close = text.find(L'>', open);
+    return close == npos || text[close - 1] == L'/' ? npos : close + 1;
+}
+
 struct Found {
     size_t pos = npos;
     size_t end = npos;
 };
 
 Found Find(std::wstring_view text, std::wstring_view marker, size_t from) {
+    const bool tag = IsBareStartTag(marker);
     for (size_t p = from; p <= text.size(); ++p) {
-        const size_t end = MatchEnd(text, p, marker);
+        const size_t end = tag ? StartTagEnd(text, p, marker) : MatchEnd(text, p, marker);
         if (end != npos) return {p, end};
     }
     return {};
@@ -155,12 +183,24 @@ void CheckBetween(const std::wstring& text, const std::wstring& begin, const std
 
 void CheckOthers(const std::wstring& text, const std::wstring& part) {
     // Separate: the pieces joined with the separator give the text back, less
-    // one separator at its very end.
+    // one separator at its very end; a line break stands for any line end.
     const std::vector<std::wstring> pieces = CStringUtils::Separate(text, part);
     if (text.empty()) {
         Check(pieces.empty(), "Separate of empty text");
     } else if (part.empty()) {
         Check(pieces == std::vector<std::wstring>{text}, "Separate without a separator");
+    } else if (part == L"\r\n" || part == L"\n" || part == L"\r") {
+        std::vector<std::wstring> lines{L""};
+        for (size_t i = 0; i < text.size(); ++i) {
+            if (text[i] != L'\r' && text[i] != L'\n') {
+                lines.back() += text[i];
+                continue;
+            }
+            if (text[i] == L'\r' && i + 1 < text.size() && text[i + 1] == L'\n') ++i;
+            lines.emplace_back();
+        }
+        if (lines.back().empty()) lines.pop_back();
+        Check(pieces == lines, "Separate at line ends");
     } else {
         std::wstring joined;
         for (size_t i = 0; i < pieces.size(); ++i) {

@@ -69,6 +69,22 @@ fs::path ExpectedFor(const std::string& relative) {
     return (kExpected / relative).replace_extension(".json");
 }
 
+// Vendor templates and fixtures hold placeholders: setup's "fill" replaces
+// each one with a text, or its occurrences in turn with the texts of a list.
+std::string Filled(std::string text, const Json& setup) {
+    const Json fill = setup.value("fill", Json::object());
+    for (const auto& [placeholder, value] : fill.items()) {
+        size_t at = 0, turn = 0;
+        while ((at = text.find(placeholder, at)) != std::string::npos) {
+            const std::string with =
+                value.is_array() ? value.at(turn++).get<std::string>() : value.get<std::string>();
+            text.replace(at, placeholder.size(), with);
+            at += with.size();
+        }
+    }
+    return text;
+}
+
 // Places a .vmx as setup says, its vmware-vmx process listed when it runs;
 // returns the identifier.
 std::string PlaceVmx(implvm_test::TestMachine& mac, const std::string& stem,
@@ -221,6 +237,37 @@ TEST_P(Corpus, MatchesExpectation) {
                       ReadBytes(c.file));
         ExpectCall(Call(VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs),
                    expected.at("EnumerateVMs"), "EnumerateVMs");
+    } else if (c.relative.starts_with("vmware/vmrun/")) {
+        const std::string vmx = "/Users/ann/Virtual Machines.localized/Win.vmwarevm/Win.vmx";
+        mac.installTool("/Applications/VMware Fusion.app/Contents/Library/vmrun")
+            .respond(ReadBytes(c.file), setup.value("exit", 0));
+        ExpectCall(Call(VirtualMachineImpl_VmWareFusion4_ListSnapshots, {{"Name", vmx}}, fusion),
+                   expected.at("ListSnapshots"), "ListSnapshots");
+    } else if (c.relative.starts_with("parallels/config/")) {
+        mac.setConsoleUser("ann", 501, "/Users/ann");
+        const std::string home = "/Users/ann/Parallels/" + c.file.stem().string() + ".pvm";
+        mac.writeFile(home + "/config.pvs", Filled(ReadBytes(c.file), setup));
+        for (const auto& name : setup.value("files", Json::array()))
+            mac.writeFile(home + "/" + name.get<std::string>(), "");
+        ExpectCall(Call(VirtualMachineImpl_Parallels4_GetVMInfo, {{"Name", home}}),
+                   expected.at("GetVMInfo"), "GetVMInfo");
+        ExpectCall(Call(VirtualMachineImpl_Parallels4_GetVMNetwork, {{"Name", home}}),
+                   expected.at("GetVMNetwork"), "GetVMNetwork");
+        // The 9.x methods name the VM by its UUID, read from the same file.
+        auto& prlctl = mac.installTool("/Applications/Parallels Desktop.app/Contents/MacOS/prlctl");
+        const Json& operate = expected.at("OperateVM");
+        const auto r = Call(ImplVirtualMachine_Parallels_9_X_OperateVM,
+                            {{"Name", home + "/config.pvs"}, {"COMMAND", "status"}});
+        EXPECT_EQ(r.result, operate.at("result").get<int>());
+        const auto runs = prlctl.invocations();
+        EXPECT_EQ(runs.empty() ? Json() : Json(runs.at(0).args), operate.at("prlctl"));
+    } else if (c.relative.starts_with("parallels/dirlist/")) {
+        for (const auto& folder : setup.value("folders", Json::array()))
+            mac.makeDir(folder.get<std::string>());
+        mac.writeFile("/Library/Preferences/Parallels/vmdirectorylist.desktop.xml",
+                      Filled(ReadBytes(c.file), setup));
+        ExpectCall(Call(VirtualMachineImpl_Parallels4_EnumerateVMs), expected.at("EnumerateVMs"),
+                   "EnumerateVMs");
     } else {
         FAIL() << "no runner for " << c.relative
                << ": teach this suite where such a file lives on a Mac";

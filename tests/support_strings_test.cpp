@@ -100,7 +100,18 @@ TEST(Text, NumbersTrimAndSeparate) {
         EXPECT_EQ(CStringUtils::StrToI32(text), value) << text;
     EXPECT_EQ(CStringUtils::I32ToStr(INT_MIN), L"-2147483648");
     EXPECT_EQ(CStringUtils::Trim(L" \t\r\n\v\f\u00A0 a b \r\n"), L"a b");
+    // A line break splits at every kind of line end; anything else literally.
+    const std::pair<std::wstring, Pieces> separated[] = {
+        {L"Total: 2\nA\r\nB\rC\n", {L"Total: 2", L"A", L"B", L"C"}},
+        {L"a\n\r\nb\r\r\n", {L"a", L"", L"b", L""}},  // CR LF counts once
+        {L"x\n\ny", {L"x", L"", L"y"}},
+    };
+    for (const wchar_t* lineBreak : {L"\r\n", L"\n", L"\r"})
+        for (const auto& [text, pieces] : separated)
+            EXPECT_EQ(CStringUtils::Separate(text, lineBreak), pieces)
+                << testing::PrintToString(text) << " at " << testing::PrintToString(lineBreak);
     EXPECT_EQ(CStringUtils::Separate(L"a,,b,", L","), (Pieces{L"a", L"", L"b"}));
+    EXPECT_EQ(CStringUtils::Separate(L"a\nb\n\nc", L"\n\n"), (Pieces{L"a\nb", L"c"}));
 }
 
 // Markers: ASCII letters fold, nothing else does; a line feed also matches
@@ -122,7 +133,15 @@ TEST(Parse, SectionsMarkersAndPosition) {
         {L"a\r\nb=1\n", L"", L"a\nb=", L"\n", L"1"}, {L"Name: vm\rX", L"", L"Name: ", L"\n", L""},
         {L"h\n\r\nbody\r\n\n", L"", L"\n\n", L"\n\n", L"body"},
         {L"k=v\r\r\n", L"", L"k=", L"\n", L"v\r"},  // only one carriage return belongs to the pair
-        {L"k=v\rw\n", L"", L"k=", L"\r\n", L""}};   // a marker's own "\r" needs one in the text
+        {L"k=v\rw\n", L"", L"k=", L"\r\n", L""},   // a marker's own "\r" needs one in the text
+        // A whole start tag also finds the element with attributes, never a longer name.
+        {L"<General dyn_lists=\"P\"><OsType>7</OsType>", L"<General>", L"<OsType>", L"</OsType>", L"7"},
+        {L"<NameX a=\"\">x</NameX><Name\r\n id=\"0\" >y</Name>", L"", L"<Name>", L"</Name>", L"y"},
+        {L"<Name/><Name a=\"1\"/><Name\t>z</Name>", L"", L"<Name>", L"</Name>", L"z"},  // empty elements start nothing
+        {L"<Name a=\"1\"", L"", L"<Name>", L"", L""},  // never closed
+        {L"<Name>v</Name x>", L"", L"<Name>", L"</Name>", L""},  // a closing tag matches only as written
+        {L"<VmUuid a=\"\">{u}</VmUuid>", L"", L"<VmUuid>{", L"}</VmUuid>", L""},  // so does any other marker
+        {L"<Identification id=\"1\"><VmUuid>{u}</VmUuid>", L"<Identification", L"<VmUuid>{", L"}", L"u"}};
     // clang-format on
     for (const auto& c : cases)
         EXPECT_EQ(CStringUtils::ParseSubstringFromString(c[0], c[1], c[2], c[3], nullptr), c[4])

@@ -202,11 +202,15 @@ TEST_F(VmWare, StopAndSuspendByState) {
     }
 }
 
-// The simulated Mac's vmrun shows the split on CR LF.
-TEST_F(VmWare, ListSnapshotsSplitsOnCrLfOnly) {
+// Any line end separates snapshots (the corpus shows LF lists as a Mac's
+// vmrun prints them); the header alone is an empty list.
+TEST_F(VmWare, ListSnapshotsAtEveryLineEnd) {
+    const Json two = Json::parse(R"([{"Snapshot": "snap1"}, {"Snapshot": "snap 2"}])");
     // clang-format off
     struct { std::string out; int code; Json snapshots; } const cases[] = {
-        {"Total snapshots: 2\nsnap1\nsnap2\n", 0, Json::array()},
+        {"Total snapshots: 2\nsnap1\r\nsnap 2", 0, two},
+        {"Total snapshots: 2\r\nsnap1\rsnap 2\r\n", 0, two},
+        {"Total snapshots: 0\n", 0, Json::array()},
         {"Error: Cannot open VM: x", -6, nullptr},
     };
     // clang-format on

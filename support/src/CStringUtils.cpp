@@ -1,5 +1,6 @@
 #include "KALDO/CStringUtils.h"
 
+#include <algorithm>
 #include <climits>
 
 #include "KALDO/Failpoints.h"
@@ -90,11 +91,56 @@ size_t MatchTolerant(std::wstring_view text, size_t at, std::wstring_view marker
     return at;
 }
 
+bool IsNameStart(wchar_t c) {
+    return IsAsciiLetter(c) || c == L'_' || c == L':' || c > 0x7F;
+}
+
+bool IsNameChar(wchar_t c) {
+    return IsNameStart(c) || (c >= L'0' && c <= L'9') || c == L'-' || c == L'.';
+}
+
+// "<Name>": a whole start tag without attributes.
+bool IsBareStartTag(std::wstring_view marker) {
+    if (marker.size() < 3 || marker.front() != L'<' || marker.back() != L'>' ||
+        !IsNameStart(marker[1]))
+        return false;
+    const std::wstring_view name = marker.substr(1, marker.size() - 2);
+    return std::all_of(name.begin(), name.end(), IsNameChar);
+}
+
+bool IsTagBlank(wchar_t c) {
+    return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n';
+}
+
+// A start tag "<Name>" also matches the element's start tag with attributes,
+// "<Name" + blank + anything up to the next ">", as XML writers put them on
+// the very elements the readers search from. An empty element "<Name .../>"
+// starts no value and does not match.
+Match FindStartTag(std::wstring_view text, std::wstring_view marker, size_t from) {
+    const std::wstring_view open = marker.substr(0, marker.size() - 1);
+    for (size_t pos = FindFolded(text, open, from); pos != npos;) {
+        const size_t next = pos + open.size();
+        if (next >= text.size()) return {};
+        if (text[next] == L'>') return {pos, marker.size()};
+        size_t resume = pos + 1;
+        if (IsTagBlank(text[next])) {
+            const size_t close = text.find(L'>', next);
+            if (close == npos) return {};  // no later "<Name" can be closed either
+            if (text[close - 1] != L'/') return {pos, close + 1 - pos};
+            // Every "<Name" before this ">" ends at it too: none can match.
+            resume = close + 1;
+        }
+        pos = FindFolded(text, open, resume);
+    }
+    return {};
+}
+
 // The first match of marker in text at or after `from`. Markers without a
 // line feed (nearly all of them) take the direct search; the others anchor on
 // their first line-feed-free piece and verify the rest in place.
 Match FindMarker(std::wstring_view text, std::wstring_view marker, size_t from) {
     if (from > text.size()) return {};
+    if (IsBareStartTag(marker)) return FindStartTag(text, marker, from);
     const size_t lf = marker.find(L'\n');
     if (lf == npos) {
         const size_t pos = FindFolded(text, marker, from);
@@ -223,15 +269,21 @@ std::vector<std::wstring> CStringUtils::Separate(const std::wstring& text,
         pieces.push_back(text);
         return pieces;
     }
+    // A line break stands for every kind of line end: the same tool prints
+    // CR LF on one system and LF on another.
+    const bool lineBreak = separator == L"\r\n" || separator == L"\n" || separator == L"\r";
     size_t start = 0;
     while (start < text.size()) {
-        const size_t hit = text.find(separator, start);
+        const size_t hit =
+            lineBreak ? text.find_first_of(L"\r\n", start) : text.find(separator, start);
         if (hit == npos) {
             pieces.push_back(text.substr(start));
             break;
         }
         pieces.push_back(text.substr(start, hit - start));
-        start = hit + separator.size();
+        size_t length = separator.size();
+        if (lineBreak) length = text.compare(hit, 2, L"\r\n") == 0 ? 2 : 1;
+        start = hit + length;
     }
     return pieces;
 }

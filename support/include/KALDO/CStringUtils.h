@@ -14,6 +14,12 @@
 //    there.
 //  - a line feed in a marker also matches a carriage return + line feed pair
 //    in the text. (The value cut out never includes that carriage return.)
+//  - a marker that is a whole start tag without attributes, "<Name>", also
+//    matches that element's start tag with attributes: "<Name", a blank,
+//    tab, CR or LF, then anything up to the next ">"; the text after the
+//    match begins after that ">". It never matches "<NameX>" or an empty
+//    element "<Name .../>". Closing tags, open markers ("<Name") and every
+//    other marker match only as written.
 // The value cut out is returned exactly as it stands in the text.
 #pragma once
 
@@ -55,7 +61,9 @@ public:
     // feed, carriage return, vertical tab, form feed, no-break space).
     static std::wstring Trim(const std::wstring& text);
 
-    // Splits text at every occurrence of separator. Empty pieces between two
+    // Splits text at every occurrence of separator. A separator that is a
+    // line break ("\r\n", "\n" or "\r") splits at every line end of any of
+    // the three kinds, a CR LF pair counting once. Empty pieces between two
     // separators are kept; a separator at the very end of the text does not
     // add an empty last piece. Empty text gives no pieces; an empty separator
     // gives the whole text as one piece.
