@@ -80,6 +80,23 @@ TEST(ImplvmCall, FailpointsReachTheModule) {
     EXPECT_EQ(doc, Json::parse(R"({"result": -1, "outputs": null, "errors": [{"code": -1}]})"));
 }
 
+// The 9.x start forks; without a console user only the host's own process
+// answers: one document, one error line, the child silent.
+TEST(ImplvmCall, AForkedStartAnswersOnce) {
+    implvm_test::TestMachine mac;
+    mac.copyDemoMac();
+    mac.writeFile("/.machine", "");
+    const std::string vm = "/Users/robin/Parallels/Ubuntu 22.04.pvm";
+    const auto call =
+        Implvm({"--root", mac.root(), "call", "ImplVirtualMachine_Parallels_9_X_StartVM", "--in",
+                "Name=" + vm + "/config.pvs"});
+    EXPECT_EQ(Json::parse(call.out)["result"], -4) << call.out;  // one document, or it throws
+    const auto start = Implvm({"--root", mac.root(), "start", vm});
+    EXPECT_EQ(start.exitCode, 1);
+    EXPECT_EQ(start.out, "");
+    EXPECT_EQ(std::count(start.err.begin(), start.err.end(), '\n'), 1) << start.err;
+}
+
 // "enumerate start(argument) stop-command pause snapshot-take", "-" for none.
 std::string Summary(const implvm::ProductMethods& m) {
     const auto name = [](const char* method) {

@@ -5,8 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -53,6 +55,7 @@ const std::string kXp = "<OsType>8</OsType><OsNumber>2055</OsNumber>";
 const std::string kPs = "  PID   TT  STAT      TIME COMMAND\n  310   ??  Ss     0:03.52 ";
 const std::string kServiceDown = "Login failed: Unable to connect to Parallels Service\n";
 constexpr int kConsoleUid = 501;
+constexpr int kStaff = 20;
 
 std::string Pvs(const std::string& general = kXp, const std::string& adapters = "",
                 const std::string& identification = "<Identification><VmName>XP</VmName>") {
@@ -161,7 +164,7 @@ struct Parallels9Mac {
     implvm_test::FakeTool& prlctl = mac.installTool(kPrlctl);
 
     explicit Parallels9Mac(const std::string& uuid = kBraced) {
-        mac.setConsoleUser("ann", kConsoleUid, "/Users/ann");
+        mac.setConsoleUser("ann", kConsoleUid, "/Users/ann", kStaff, "12 61");
         ps.respond(kPs + "/Applications/Parallels Desktop.app/Contents/MacOS/prl_disp_service\n");
         if (!uuid.empty())
             mac.writeFile(
@@ -172,12 +175,24 @@ struct Parallels9Mac {
 
 struct Ids {
     uid_t uid = getuid(), euid = geteuid();
+    gid_t gid = getgid(), egid = getegid();
     bool operator==(const Ids&) const = default;
 };
 
-// As root the tools run as the console user; elsewhere as the test's user.
-int ToolEuid() {
-    return geteuid() == 0 ? kConsoleUid : int(geteuid());
+// As root the tools run wholly as the console user: real, effective and
+// saved ids, the user's groups and home. Elsewhere as the test's user.
+void ExpectConsoleUser(const implvm_test::FakeInvocation& run) {
+    if (geteuid() != 0) {
+        EXPECT_EQ(run.euid, int(geteuid()));
+        return;
+    }
+    EXPECT_EQ((std::vector<int>{run.uid, run.euid, run.suid, run.gid, run.egid, run.sgid}),
+              (std::vector<int>{kConsoleUid, kConsoleUid, kConsoleUid, kStaff, kStaff, kStaff}));
+    std::vector<int> groups = run.groups;
+    std::sort(groups.begin(), groups.end());
+    EXPECT_EQ(groups, (std::vector<int>{12, kStaff, 61}));
+    EXPECT_EQ(run.env, (std::map<std::string, std::string>{
+                           {"HOME", "/Users/ann"}, {"USER", "ann"}, {"LOGNAME", "ann"}}));
 }
 
 // Waits for the child a 9.x start leaves behind, so that none outlives its
@@ -215,7 +230,7 @@ TEST(Parallels9OperateVM, RunsPrlctlAsConsoleUserAndCodesItsAnswer) {
         ASSERT_EQ(KALDO::CFailpoints::Set(row.failpoint), 0);
         const Ids before;
         const CallResult r = Call(ImplVirtualMachine_Parallels_9_X_OperateVM, row.inputs);
-        EXPECT_EQ(Ids(), before) << "the user ids are restored";
+        EXPECT_EQ(Ids(), before) << "the host's ids never change";
         EXPECT_EQ(r.result, row.code);
         EXPECT_EQ(Recorded(r), row.code ? Codes{row.code} : Codes{});
         const auto runs = vm.prlctl.invocations();
@@ -223,7 +238,7 @@ TEST(Parallels9OperateVM, RunsPrlctlAsConsoleUserAndCodesItsAnswer) {
         if (runs.empty()) continue;
         EXPECT_EQ(runs[0].args, (row.inputs.contains("OPTION") ? Args{"set", kUuid, "--cpus 2"}
                                                                : Args{"set", kUuid}));
-        EXPECT_EQ(runs[0].euid, ToolEuid());
+        ExpectConsoleUser(runs[0]);
     }
 }
 
@@ -285,14 +300,14 @@ TEST(Parallels9StartVM, RetriesPrlctlAndStartsTheClientAppInAChild) {
         EXPECT_EQ(ReapChild(), forked ? 0 : -1);
         fclose(buffered);
         EXPECT_EQ(vm.mac.readFile("/buffer"), "host line\n");
-        EXPECT_EQ(Ids(), before) << "the user ids are restored";
+        EXPECT_EQ(Ids(), before) << "the host's ids never change";
         EXPECT_EQ(r.result, row.code);
         EXPECT_EQ(Recorded(r), row.code ? Codes{row.code} : Codes{});
         const auto runs = vm.prlctl.invocations();
         EXPECT_EQ(runs.size(), size_t(row.runs));
         for (const auto& run : runs) {
             EXPECT_EQ(run.args, (Args{"start", kUuid}));
-            EXPECT_EQ(run.euid, ToolEuid());
+            ExpectConsoleUser(run);
         }
         // The parent's looks for the service, then the child's for the client app.
         EXPECT_EQ(vm.ps.invocations().size(), !forked ? 0u : row.ps.starts_with(kPs) ? 41u : 2u);
@@ -300,15 +315,25 @@ TEST(Parallels9StartVM, RetriesPrlctlAndStartsTheClientAppInAChild) {
         ASSERT_EQ(apps.size(), forked ? 1u : 0u);
         if (!forked) continue;
         EXPECT_EQ(apps[0].args, Args{""});
-        if (geteuid() == 0) {
-            EXPECT_EQ(apps[0].uid, kConsoleUid);
-            EXPECT_EQ(apps[0].euid, kConsoleUid);
-        }
+        ExpectConsoleUser(apps[0]);
     }
 }
 
-TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentAndInTheChild) {
-    // The lookup runs after the fork, so the child returns to its caller too.
+// The GUI the child opens is meant to stay: the tool time limit does not end it.
+TEST(Parallels9StartVM, TheClientAppOutlivesTheToolTimeLimit) {
+    Parallels9Mac vm;
+    vm.prlctl.respond("Starting the VM...\nThe VM has been successfully started.\n");
+    vm.clientApp.respond(implvm_test::FakeResponse{.sleepSeconds = 0.8});
+    ::setenv("KALDO_TOOL_TIMEOUT", "0.2", 1);
+    const CallResult r = Call(ImplVirtualMachine_Parallels_9_X_StartVM, {{"Name", kConfig}});
+    EXPECT_EQ(ReapChild(), 0);
+    ::unsetenv("KALDO_TOOL_TIMEOUT");
+    EXPECT_EQ(r.result, 0);
+    EXPECT_TRUE(vm.clientApp.invocations().at(0).ended);
+}
+
+TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentOnly) {
+    // The lookup runs after the fork; the child ends there without a word.
     // The call runs in a forked copy of this test; each process that comes
     // back out of it appends its answer to a file, then ends.
     Parallels9Mac vm;
@@ -326,7 +351,7 @@ TEST(Parallels9StartVM, UnknownConsoleUserFailsInTheParentAndInTheChild) {
         _exit(written ? 0 : 1);
     }
     ASSERT_EQ(waitpid(isolated, nullptr, 0), isolated);
-    EXPECT_EQ(vm.mac.readFile("/answers"), "-4 -4\n-4 -4\n");
+    EXPECT_EQ(vm.mac.readFile("/answers"), "-4 -4\n");
     EXPECT_TRUE(vm.clientApp.invocations().empty() && vm.prlctl.invocations().empty());
 }
 

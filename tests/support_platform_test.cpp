@@ -6,14 +6,19 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <thread>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "KALDO/KALDO.h"
 #include "TestMachine.h"
+#include "platform/Process.h"
 
 namespace fs = std::filesystem;
 using namespace KALDO;
@@ -118,7 +123,81 @@ TEST(ExecuteSafeToText, AHangingToolIsKilledAtTheLimit) {
         EXPECT_THAT(r.diagnostic, testing::HasSubstr(L"killed after"));
         EXPECT_FALSE(HasUnreapedChild());
     }
+    // A program meant to keep running (an application) is left to end itself.
+    auto& app = mac.installTool("/bin/app").respond(FakeResponse{.sleepSeconds = 0.8});
+    int exitCode = -1;
+    EXPECT_EQ(CProcessUtils::ExecuteSafeToText(L"/bin/app", {}, exitCode, nullptr, nullptr, nullptr,
+                                               {.noTimeLimit = true}),
+              0);
+    EXPECT_TRUE(app.invocations().at(0).ended);
     ::unsetenv("KALDO_TOOL_TIMEOUT");
+}
+
+struct HostIds {
+    uid_t uid = ::getuid(), euid = ::geteuid();
+    gid_t gid = ::getgid(), egid = ::getegid();
+    bool operator==(const HostIds&) const = default;
+};
+
+// The tool, not the host, becomes the console user: every id, the groups and
+// the user's variables are switched in the tool's own process, so the host
+// keeps its ids and a tool another thread starts meanwhile runs as the host.
+TEST(ExecuteSafeToText, AsTheConsoleUserWhollyAndOnlyInTheTool) {
+    TestMachine mac;
+    const HostIds host;
+    auto& probe = mac.installTool("/bin/probe").respond(FakeResponse{.sleepSeconds = 0.3});
+    auto& plain = mac.installTool("/bin/plain");
+    int exitCode = -1;
+    const CProcessUtils::RunOptions asUser{.asConsoleUser = true};
+    EXPECT_EQ(CProcessUtils::ExecuteSafeToText(L"/bin/probe", {}, exitCode, nullptr, nullptr,
+                                               nullptr, asUser),
+              kNotFound);
+    EXPECT_TRUE(probe.invocations().empty()) << "no console user: nothing runs";
+
+    mac.setConsoleUser("ann", 4711, "/Users/ann", 4712, "20, 12 61");
+    std::thread other([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        Execute(L"/bin/plain");
+    });
+    EXPECT_EQ(CProcessUtils::ExecuteSafeToText(L"/bin/probe", {L"x"}, exitCode, nullptr, nullptr,
+                                               nullptr, asUser),
+              0);
+    other.join();
+    EXPECT_EQ(HostIds(), host);
+
+    const implvm_test::FakeInvocation tool = probe.invocations().at(0);
+    std::vector<int> groups = tool.groups;
+    std::sort(groups.begin(), groups.end());
+    const std::map<std::string, std::string> annsEnv = {
+        {"HOME", "/Users/ann"}, {"USER", "ann"}, {"LOGNAME", "ann"}};
+    if (host.euid == 0) {
+        EXPECT_EQ(
+            (std::vector<int>{tool.uid, tool.euid, tool.suid, tool.gid, tool.egid, tool.sgid}),
+            (std::vector<int>{4711, 4711, 4711, 4712, 4712, 4712}));
+        EXPECT_EQ(groups, (std::vector<int>{12, 20, 61, 4712}));
+        EXPECT_EQ(tool.env, annsEnv);
+    } else {  // cannot switch: runs as the host, as without the option
+        EXPECT_EQ(tool.euid, int(host.euid));
+        EXPECT_NE(tool.env, annsEnv);
+    }
+    const implvm_test::FakeInvocation meanwhile = plain.invocations().at(0);
+    EXPECT_TRUE(meanwhile.uid == int(host.uid) && meanwhile.euid == int(host.euid) &&
+                meanwhile.gid == int(host.gid));
+    EXPECT_NE(meanwhile.env, annsEnv);
+    EXPECT_FALSE(HasUnreapedChild());
+}
+
+// Only root can take another user's ids; a host that is the user needs none.
+TEST(ExecuteSafeToText, WhoSwitchesToTheConsoleUser) {
+    using platform::UserSwitch;
+    // clang-format off
+    const std::tuple<int, int, UserSwitch> rows[] = {
+        {0, 501, UserSwitch::kSwitch}, {0, 0, UserSwitch::kSwitch},
+        {501, 501, UserSwitch::kAlreadyThatUser}, {501, 502, UserSwitch::kAsHost},
+        {501, 0, UserSwitch::kAsHost}};
+    // clang-format on
+    for (const auto& [host, console, plan] : rows)
+        EXPECT_EQ(platform::PlanUserSwitch(host, console), plan) << host << " for " << console;
 }
 
 // Module tests write the facts one way; a trailing slash and a missing gid here.

@@ -156,51 +156,28 @@ std::wstring VmUuid(const std::wstring& configText) {
                                                   L"}</VmUuid>", nullptr);
 }
 
-// The result of a user-id switch is not acted on: a refused switch leaves
-// the process as it was, and the tools then run as the host's user.
-void SwitchEffectiveUser(uid_t user) {
-    if (seteuid(user) != 0) return;
-}
-void SwitchUser(uid_t user) {
-    if (setuid(user) != 0) return;
-}
-
-// Runs the enclosed tools as the console user, and undoes that on leaving.
-//
-// Only the effective user id changes: a host running as root keeps its real
-// and saved id 0 and so can take its effective id back afterwards, which a
-// plain setuid to another user would make impossible. A host that may not
-// switch (not root, another user) stays itself. The switch is process-wide
-// (every thread of the host runs as the console user meanwhile); the methods
-// that use it take no locks.
-class ConsoleUserScope {
-public:
-    explicit ConsoleUserScope(uid_t consoleUser) : hostUser_(geteuid()) {
-        SwitchEffectiveUser(consoleUser);
-    }
-    ~ConsoleUserScope() { SwitchEffectiveUser(hostUser_); }
-    ConsoleUserScope(const ConsoleUserScope&) = delete;
-    ConsoleUserScope& operator=(const ConsoleUserScope&) = delete;
-
-private:
-    const uid_t hostUser_;
-};
+// prlctl and the Parallels GUI run wholly as the console user (ids, groups
+// and home), switched in the tool's own process: the host's ids never
+// change, so nothing else the host does meanwhile runs as that user.
+const CProcessUtils::RunOptions kAsConsoleUser{.asConsoleUser = true};
+// The GUI is meant to keep running: no time limit ends it.
+const CProcessUtils::RunOptions kGuiAsConsoleUser{.asConsoleUser = true, .noTimeLimit = true};
 
 // The forked child of the 9.x start: it brings up the Parallels GUI as the
-// console user and ends. It runs nothing of the host: no return into the
-// caller, no exit handlers, no flush of the stdio buffers it inherited.
-[[noreturn]] void RunClientAppAndEnd(uid_t consoleUser, uid_t hostUser) {
-    // The child never comes back to the host, so it drops to the console
-    // user for good; the GUI then runs wholly as that user.
-    SwitchUser(consoleUser);
+// console user and ends. It never returns into the host: no exit handlers,
+// no flush of the stdio buffers it inherited, no exception past this frame.
+[[noreturn]] void RunClientAppAndEnd() {
     close(1);
     close(2);
-    int pid = -1;
-    (void)CProcessUtils::GetProcessIdByName(kClientAppProcess, pid, false, true);
-    int exitStatus = 0;
-    (void)CProcessUtils::ExecuteSafeToText(kClientApp, {L""}, exitStatus, nullptr, nullptr,
-                                           nullptr);
-    SwitchUser(hostUser);
+    try {
+        int pid = -1;
+        (void)CProcessUtils::GetProcessIdByName(kClientAppProcess, pid, false, true);
+        int exitStatus = 0;
+        (void)CProcessUtils::ExecuteSafeToText(kClientApp, {L""}, exitStatus, nullptr, nullptr,
+                                               nullptr, kGuiAsConsoleUser);
+    } catch (...) {
+        _exit(1);
+    }
     _exit(0);
 }
 
@@ -222,7 +199,8 @@ int StartAttempt(const std::vector<std::wstring>& args) {
     std::wstring out;
     std::wstring err;
     std::wstring diagnostic;
-    int code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic);
+    int code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic,
+                                                kAsConsoleUser);
     if (code < 0) return code;
     if (Contains(err, kServiceDown)) code = -4;
     if (Contains(err, kStartRefused)) code = -4;
@@ -354,16 +332,18 @@ int ImplVirtualMachine_Parallels_9_X_StartVM(int, int, int, const KALDO::CSoftwa
     std::wstring configPath;
     if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(-3);
 
-    // Both processes go on from here and both look up the console user; a
-    // child whose lookup fails returns -4 like its parent.
+    // Both processes look up the console user; the child ends whatever it
+    // finds, and only the parent answers the host.
     const pid_t child = fork();
-    const uid_t hostUser = getuid();
     int consoleUser = 0;
     std::wstring consoleHome;
-    if (CAppleUtils::GetCurrentLoggedInUserInfo(consoleHome, &consoleUser, nullptr) < 0)
-        return IMPLVM_RECORD(-4);
-
-    if (child == 0) RunClientAppAndEnd(static_cast<uid_t>(consoleUser), hostUser);
+    const bool known =
+        CAppleUtils::GetCurrentLoggedInUserInfo(consoleHome, &consoleUser, nullptr) >= 0;
+    if (child == 0) {
+        if (!known) _exit(1);
+        RunClientAppAndEnd();
+    }
+    if (!known) return IMPLVM_RECORD(-4);
     if (child < 0) return IMPLVM_RECORD(-1);
 
     // The child is left to itself: it lives as long as the GUI it started.
@@ -379,14 +359,11 @@ int ImplVirtualMachine_Parallels_9_X_StartVM(int, int, int, const KALDO::CSoftwa
 
     const std::vector<std::wstring> args = {L"start", uuid};
     int code = 0;
-    {
-        ConsoleUserScope asConsoleUser(static_cast<uid_t>(consoleUser));
-        // The service may still be coming up: it refuses logins until it is.
-        for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
-            sleep(1);
-            code = StartAttempt(args);
-            if (code >= 0) break;
-        }
+    // The service may still be coming up: it refuses logins until it is.
+    for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+        sleep(1);
+        code = StartAttempt(args);
+        if (code >= 0) break;
     }
     return IMPLVM_RECORD(code);
 }
@@ -414,15 +391,12 @@ int ImplVirtualMachine_Parallels_9_X_OperateVM(int, int, int, const KALDO::CSoft
     if (CAppleUtils::GetCurrentLoggedInUserInfo(consoleHome, &consoleUser, nullptr) < 0)
         return IMPLVM_RECORD(-1);
 
-    int code = 0;
-    {
-        ConsoleUserScope asConsoleUser(static_cast<uid_t>(consoleUser));
-        int exitStatus = 0;
-        std::wstring out;
-        std::wstring err;
-        std::wstring diagnostic;
-        code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic);
-        if (code >= 0 && Contains(err, kLoginFailed)) code = -4;
-    }
+    int exitStatus = 0;
+    std::wstring out;
+    std::wstring err;
+    std::wstring diagnostic;
+    int code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic,
+                                                kAsConsoleUser);
+    if (code >= 0 && Contains(err, kLoginFailed)) code = -4;
     return IMPLVM_RECORD(code);
 }

@@ -8,17 +8,15 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 
+#include "ConsoleUserLookup.h"
 #include "KALDO/CFileUtils.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Failpoints.h"
-#include "KALDO/MachineRoot.h"
 #include "KALDO/Result.h"
 #include "PathText.h"
-#include "platform/ConsoleUser.h"
 
 namespace KALDO {
 namespace {
@@ -26,36 +24,6 @@ namespace {
 constexpr size_t kMaxPlistBytes = 64u << 20;      // preference files are small; refuse junk
 constexpr int kMaxPlistDepth = 256;               // deeper nesting is not a real plist
 constexpr int64_t kAppleEpochOffset = 978307200;  // 2001-01-01 in Unix time
-
-int ParseInt(const std::string& text, int& value) {
-    char* end = nullptr;
-    errno = 0;
-    const long v = std::strtol(text.c_str(), &end, 10);
-    if (end == text.c_str() || *end != '\0' || errno != 0 || v < INT32_MIN || v > INT32_MAX)
-        return kInvalidArgument;
-    value = static_cast<int>(v);
-    return kOk;
-}
-
-int FirstFact(const char* key, std::string& value) {
-    std::vector<std::string> values;
-    const int rc = CMachineRoot::Facts(key, values);
-    if (rc < 0) return rc;
-    if (values.empty() || values.front().empty()) return kNotFound;
-    value = values.front();
-    return kOk;
-}
-
-int ConsoleUserFromFacts(platform::ConsoleUser& user) {
-    std::string uid, gid;
-    if (FirstFact("console_home", user.home) < 0 || FirstFact("console_uid", uid) < 0 ||
-        ParseInt(uid, user.uid) < 0)
-        return kNotFound;
-    while (user.home.size() > 1 && user.home.back() == '/') user.home.pop_back();
-    user.gid = user.uid;
-    if (FirstFact("console_gid", gid) == kOk && ParseInt(gid, user.gid) < 0) return kNotFound;
-    return kOk;
-}
 
 int ReadBytes(const std::wstring& path, std::string& bytes) {
     std::string hostPath;
@@ -265,8 +233,7 @@ int CAppleUtils::GetCurrentLoggedInUserInfo(std::wstring& home, int* uid, int* g
     int injected = 0;
     if (CFailpoints::Check("GetCurrentLoggedInUserInfo", injected)) return injected;
     platform::ConsoleUser user;
-    const int rc =
-        CMachineRoot::IsSet() ? ConsoleUserFromFacts(user) : platform::FindConsoleUser(user);
+    const int rc = detail::LookUpConsoleUser(user);
     if (rc < 0) return rc;
     home = CStringUtils::StringToWString(user.home);
     if (uid != nullptr) *uid = user.uid;

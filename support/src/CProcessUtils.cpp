@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "ConsoleUserLookup.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Failpoints.h"
 #include "KALDO/MachineRoot.h"
@@ -49,17 +50,31 @@ bool HasName(const char* entry, const char* name) {
     return std::strncmp(entry, name, n) == 0 && entry[n] == '=';
 }
 
-std::vector<std::string> ToolEnvironment(const std::string& root) {
+// The host's environment with the tool locale and the machine root; for a
+// tool that runs as a user, that user's HOME, USER and LOGNAME instead of
+// the host's.
+std::vector<std::string> ToolEnvironment(const std::string& root,
+                                         const platform::ConsoleUser* user) {
     std::vector<std::string> env;
     for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
         if (HasName(*e, "LC_ALL") || HasName(*e, "LANG") || HasName(*e, "LANGUAGE") ||
             HasName(*e, "KALDO_ROOT"))
+            continue;
+        if (user != nullptr &&
+            (HasName(*e, "HOME") || HasName(*e, "USER") || HasName(*e, "LOGNAME")))
             continue;
         env.emplace_back(*e);
     }
     env.push_back("LC_ALL=" + ToolLocale());
     env.push_back("LANG=" + ToolLocale());
     if (!root.empty()) env.push_back("KALDO_ROOT=" + root);
+    if (user != nullptr) {
+        env.push_back("HOME=" + user->home);
+        if (!user->name.empty()) {
+            env.push_back("USER=" + user->name);
+            env.push_back("LOGNAME=" + user->name);
+        }
+    }
     return env;
 }
 
@@ -136,8 +151,28 @@ bool CommandMatches(const std::wstring& command, const std::wstring& name, bool 
 int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
                                      const std::vector<std::wstring>& args, int& exitCode,
                                      std::wstring* out, std::wstring* err, std::wstring* third) {
+    return ExecuteSafeToText(tool, args, exitCode, out, err, third, RunOptions{});
+}
+
+int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
+                                     const std::vector<std::wstring>& args, int& exitCode,
+                                     std::wstring* out, std::wstring* err, std::wstring* third,
+                                     const RunOptions& options) {
     int injected = 0;
     if (CFailpoints::Check("ExecuteSafeToText", tool, injected)) return injected;
+
+    platform::ConsoleUser user;
+    platform::RunAs runAs;
+    platform::UserSwitch how = platform::UserSwitch::kAsHost;
+    if (options.asConsoleUser) {
+        const int found = detail::LookUpConsoleUser(user);
+        if (found < 0) {
+            if (third != nullptr) *third = L"no user is logged in at the console";
+            return found;
+        }
+        how = platform::PlanUserSwitch(static_cast<int>(::geteuid()), user.uid);
+        runAs = {user.uid, user.gid, user.groups};
+    }
 
     const std::string root = CMachineRoot::Get();
     std::string hostPath;
@@ -154,8 +189,11 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
     for (const std::wstring& arg : args) argv.push_back(CStringUtils::WStringToString(arg));
 
     platform::ToolRun run;
-    const int rc = platform::RunTool(hostPath, argv, ToolEnvironment(root), err == nullptr,
-                                     ToolTimeoutSeconds(), run);
+    const bool asUser = how != platform::UserSwitch::kAsHost;
+    const int rc =
+        platform::RunTool(hostPath, argv, ToolEnvironment(root, asUser ? &user : nullptr),
+                          err == nullptr, options.noTimeLimit ? 0 : ToolTimeoutSeconds(), run,
+                          how == platform::UserSwitch::kSwitch ? &runAs : nullptr);
     if (third != nullptr) *third = CStringUtils::StringToWString(run.diagnostic);
     if (rc != kOk && rc != kTimedOut) return rc;
     exitCode = run.exitCode;

@@ -32,6 +32,29 @@ public:
                                  int& exitCode, std::wstring* out, std::wstring* err,
                                  std::wstring* third);
 
+    // How a tool runs, beyond what ExecuteSafeToText always does.
+    struct RunOptions {
+        // As the user logged in at the console (the user
+        // CAppleUtils::GetCurrentLoggedInUserInfo reports): the tool starts
+        // with that user's real, effective and saved user id, primary group
+        // and supplementary groups, and HOME, USER and LOGNAME of that user
+        // (USER and LOGNAME are left out where the name is unknown). A host
+        // running as root takes the user's ids in the child, between fork
+        // and exec, so the host's own ids never change and tools that other
+        // threads start meanwhile run as the host. A host that already is
+        // that user runs the tool with those variables; any other host cannot
+        // switch and runs the tool as itself, as without the option.
+        // kNotFound when there is no console user; kAccessDenied when a root
+        // host could not take the user's ids (the tool does not run).
+        bool asConsoleUser = false;
+        // No time limit, for a program meant to keep running (an application
+        // that is opened); the call returns when it ends.
+        bool noTimeLimit = false;
+    };
+    static int ExecuteSafeToText(const std::wstring& tool, const std::vector<std::wstring>& args,
+                                 int& exitCode, std::wstring* out, std::wstring* err,
+                                 std::wstring* third, const RunOptions& options);
+
     // The text of "/bin/ps" run with `options` (the module passes "wwax") as
     // its single argument. Negative when ps cannot be run or exits non-zero.
     static int GetProcessListing_MAC(std::wstring& listing, const std::string& options);

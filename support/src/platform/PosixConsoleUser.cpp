@@ -1,3 +1,4 @@
+#include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -5,6 +6,7 @@
 #include <utmpx.h>
 #endif
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -15,12 +17,33 @@
 namespace KALDO::platform {
 namespace {
 
+// The user's groups in the group database, the primary one first. The list
+// is asked for with a guess at its size, then with the size the system says.
+std::vector<int> GroupsOf(const char* name, gid_t primary) {
+    int count = 32;
+    for (int attempt = 0; attempt < 4; ++attempt) {
+#if defined(__APPLE__)
+        std::vector<int> found(static_cast<size_t>(count));
+        const int rc = ::getgrouplist(name, static_cast<int>(primary), found.data(), &count);
+#else
+        std::vector<gid_t> found(static_cast<size_t>(count));
+        const int rc = ::getgrouplist(name, primary, found.data(), &count);
+#endif
+        if (rc >= 0 && count >= 0 && static_cast<size_t>(count) <= found.size())
+            return std::vector<int>(found.begin(), found.begin() + count);
+        count = std::max(count, 32) * 2;
+    }
+    return {static_cast<int>(primary)};
+}
+
 int FromPasswd(const passwd* pw, ConsoleUser& user) {
     if (pw == nullptr || pw->pw_dir == nullptr || pw->pw_dir[0] == '\0') return kNotFound;
     user.home = pw->pw_dir;
     while (user.home.size() > 1 && user.home.back() == '/') user.home.pop_back();
     user.uid = static_cast<int>(pw->pw_uid);
     user.gid = static_cast<int>(pw->pw_gid);
+    user.name = pw->pw_name != nullptr ? pw->pw_name : "";
+    if (!user.name.empty()) user.groups = GroupsOf(pw->pw_name, pw->pw_gid);
     return kOk;
 }
 

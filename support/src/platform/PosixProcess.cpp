@@ -1,6 +1,9 @@
 // posix_spawn rather than fork: a host with a large memory footprint must not
-// pay for copying its page tables on every tool run.
+// pay for copying its page tables on every tool run. Only a tool that is to
+// run as another user is forked, since its ids must be set between fork and
+// exec: posix_spawn offers no portable way to set them.
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -41,6 +44,18 @@ private:
     int fd_ = -1;
 };
 
+// A descriptor numbered 3 or above (close-on-exec), so that placing the
+// child's standard streams can never overwrite it: a host that closed its own
+// standard input would otherwise get 0 for a pipe.
+bool AboveStdio(Fd& fd) {
+    if (fd.get() < 0) return false;
+    if (fd.get() > 2) return true;
+    const int moved = ::fcntl(fd.get(), F_DUPFD_CLOEXEC, 3);
+    if (moved < 0) return false;
+    fd.adopt(moved);
+    return true;
+}
+
 bool MakePipe(Fd& readEnd, Fd& writeEnd) {
     int fds[2];
 #if defined(__APPLE__)
@@ -51,7 +66,7 @@ bool MakePipe(Fd& readEnd, Fd& writeEnd) {
 #endif
     readEnd.adopt(fds[0]);
     writeEnd.adopt(fds[1]);
-    return true;
+    return AboveStdio(readEnd) && AboveStdio(writeEnd);
 }
 
 class SpawnSetup {
@@ -100,32 +115,25 @@ bool IsExecutableFile(const std::string& hostPath) {
            ::access(hostPath.c_str(), X_OK) == 0;
 }
 
-int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
-            const std::vector<std::string>& env, bool mergeErr, double timeoutSeconds,
-            ToolRun& run) {
-    struct stat st {};
-    if (::stat(hostPath.c_str(), &st) != 0) {
-        run.diagnostic = hostPath + ": " + std::strerror(errno);
-        return errno == ENOENT || errno == ENOTDIR ? kNotFound : ResultFromErrno(errno);
-    }
-    if (!S_ISREG(st.st_mode) || ::access(hostPath.c_str(), X_OK) != 0) {
-        run.diagnostic = hostPath + ": not an executable file";
-        return kAccessDenied;
-    }
+namespace {
 
-    Fd devNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Fd outRead, outWrite, errRead, errWrite;
-    if (devNull.get() < 0 || !MakePipe(outRead, outWrite) ||
-        (!mergeErr && !MakePipe(errRead, errWrite))) {
-        run.diagnostic = std::string("cannot create pipes: ") + std::strerror(errno);
-        return kFailed;
-    }
+struct Streams {
+    int in = -1, out = -1, err = -1;
+};
 
+int SpawnFailure(const std::string& hostPath, int error, ToolRun& run) {
+    run.diagnostic = hostPath + ": " + std::strerror(error);
+    return error == ENOENT                       ? kNotFound
+           : error == EACCES || error == ENOEXEC ? kAccessDenied
+                                                 : kFailed;
+}
+
+int Spawn(const std::string& hostPath, const std::vector<std::string>& argv,
+          const std::vector<std::string>& env, const Streams& streams, pid_t& pid, ToolRun& run) {
     SpawnSetup setup;
-    ::posix_spawn_file_actions_adddup2(&setup.actions_, devNull.get(), 0);
-    ::posix_spawn_file_actions_adddup2(&setup.actions_, outWrite.get(), 1);
-    ::posix_spawn_file_actions_adddup2(&setup.actions_, mergeErr ? outWrite.get() : errWrite.get(),
-                                       2);
+    ::posix_spawn_file_actions_adddup2(&setup.actions_, streams.in, 0);
+    ::posix_spawn_file_actions_adddup2(&setup.actions_, streams.out, 1);
+    ::posix_spawn_file_actions_adddup2(&setup.actions_, streams.err, 2);
     short flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
 #if defined(__APPLE__)
     // Descriptors the host opened without close-on-exec must not leak either.
@@ -143,18 +151,169 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
 
     std::vector<char*> cargv = CStrings(argv);
     std::vector<char*> cenv = CStrings(env);
+    const int error = ::posix_spawn(&pid, hostPath.c_str(), &setup.actions_, &setup.attr_,
+                                    cargv.data(), cenv.data());
+    return error == 0 ? kOk : SpawnFailure(hostPath, error, run);
+}
+
+// What a forked child reports through its error pipe when it cannot become
+// the tool; nothing arrives when the exec succeeds.
+struct ChildFailure {
+    int stage = 0;  // kSwitchFailed or kExecFailed
+    int error = 0;
+};
+constexpr int kSwitchFailed = 1;
+constexpr int kExecFailed = 2;
+
+// Everything the child needs, made before the fork: between fork and exec the
+// child of a threaded host may only make async-signal-safe calls, so it
+// neither allocates nor looks anything up.
+struct ChildPlan {
+    const char* path;
+    char* const* argv;
+    char* const* envp;
+    Streams streams;
+    int report;  // write end of the error pipe
+    long maxFd;  // descriptors below this are closed (where there is no closefrom)
+    const RunAs* runAs;
+    const gid_t* groups;
+    int groupCount;
+};
+
+// Every descriptor from 3 up but `keep` (itself 3 or above).
+void CloseAllBut(int keep, long maxFd) {
+#if defined(__linux__)
+    const auto k = static_cast<unsigned>(keep);
+    if ((k == 3 || ::close_range(3, k - 1, 0) == 0) && ::close_range(k + 1, ~0u, 0) == 0) return;
+#endif
+    for (long fd = 3; fd < maxFd; ++fd)
+        if (fd != keep) ::close(static_cast<int>(fd));
+}
+
+[[noreturn]] void Fail(int report, int stage) {
+    const ChildFailure failure{stage, errno};
+    ssize_t ignored = ::write(report, &failure, sizeof failure);
+    (void)ignored;
+    _exit(127);
+}
+
+// The forked child: signals as a new program has them, its own process
+// group, the three streams, no other descriptor, the user's groups, group id
+// and user id (real, effective and saved alike), then the tool.
+[[noreturn]] void BecomeTool(const ChildPlan& plan) {
+    struct sigaction dfl {};
+    dfl.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; ++sig) ::sigaction(sig, &dfl, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::setpgid(0, 0);
+    // The streams are all 3 or above (AboveStdio), so none is overwritten here.
+    ::dup2(plan.streams.in, 0);
+    ::dup2(plan.streams.out, 1);
+    ::dup2(plan.streams.err, 2);
+    CloseAllBut(plan.report, plan.maxFd);
+    if (plan.runAs != nullptr) {
+        const auto uid = static_cast<uid_t>(plan.runAs->uid);
+        const auto gid = static_cast<gid_t>(plan.runAs->gid);
+        if (::setgroups(plan.groupCount, plan.groups) != 0 || ::setgid(gid) != 0 ||
+            ::setuid(uid) != 0)
+            Fail(plan.report, kSwitchFailed);
+        // A user other than root must not be able to take root back.
+        if (uid != 0 && ::setuid(0) == 0) {
+            errno = EPERM;
+            Fail(plan.report, kSwitchFailed);
+        }
+    }
+    ::execve(plan.path, plan.argv, plan.envp);
+    Fail(plan.report, kExecFailed);
+}
+
+int ForkAs(const std::string& hostPath, const std::vector<std::string>& argv,
+           const std::vector<std::string>& env, const Streams& streams, const RunAs& runAs,
+           pid_t& pid, ToolRun& run) {
+    Fd reportRead, reportWrite;
+    if (!MakePipe(reportRead, reportWrite)) return SpawnFailure(hostPath, errno, run);
+
+    // The primary group first, then the others once each, as many as the
+    // system takes.
+    std::vector<gid_t> groups{static_cast<gid_t>(runAs.gid)};
+    for (const int g : runAs.groups)
+        if (std::find(groups.begin(), groups.end(), static_cast<gid_t>(g)) == groups.end())
+            groups.push_back(static_cast<gid_t>(g));
+    const long groupLimit = ::sysconf(_SC_NGROUPS_MAX);
+    if (groupLimit > 0 && groups.size() > static_cast<size_t>(groupLimit))
+        groups.resize(static_cast<size_t>(groupLimit));
+    long maxFd = ::sysconf(_SC_OPEN_MAX);
+    if (maxFd < 0 || maxFd > (1L << 20)) maxFd = 1L << 20;
+
+    std::vector<char*> cargv = CStrings(argv);
+    std::vector<char*> cenv = CStrings(env);
+    const ChildPlan plan{hostPath.c_str(), cargv.data(),      cenv.data(),
+                         streams,          reportWrite.get(), maxFd,
+                         &runAs,           groups.data(),     static_cast<int>(groups.size())};
+
+    // No host signal handler may run in the child before it has reset them.
+    sigset_t all, previous;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+    pid = ::fork();
+    if (pid == 0) BecomeTool(plan);
+    const int forkError = errno;
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (pid < 0) return SpawnFailure(hostPath, forkError, run);
+
+    reportWrite.reset();
+    ChildFailure failure;
+    ssize_t got = 0;
+    do {
+        got = ::read(reportRead.get(), &failure, sizeof failure);
+    } while (got < 0 && errno == EINTR);
+    if (got != static_cast<ssize_t>(sizeof failure)) return kOk;  // the tool runs
+
+    int status = 0;
+    WaitFor(pid, true, status);
+    if (failure.stage == kSwitchFailed) {
+        run.diagnostic = hostPath + ": cannot run as user " + std::to_string(runAs.uid) + ": " +
+                         std::strerror(failure.error);
+        return kAccessDenied;
+    }
+    return SpawnFailure(hostPath, failure.error, run);
+}
+
+}  // namespace
+
+int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
+            const std::vector<std::string>& env, bool mergeErr, double timeoutSeconds, ToolRun& run,
+            const RunAs* runAs) {
+    struct stat st {};
+    if (::stat(hostPath.c_str(), &st) != 0) {
+        run.diagnostic = hostPath + ": " + std::strerror(errno);
+        return errno == ENOENT || errno == ENOTDIR ? kNotFound : ResultFromErrno(errno);
+    }
+    if (!S_ISREG(st.st_mode) || ::access(hostPath.c_str(), X_OK) != 0) {
+        run.diagnostic = hostPath + ": not an executable file";
+        return kAccessDenied;
+    }
+
+    Fd devNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    Fd outRead, outWrite, errRead, errWrite;
+    if (!AboveStdio(devNull) || !MakePipe(outRead, outWrite) ||
+        (!mergeErr && !MakePipe(errRead, errWrite))) {
+        run.diagnostic = std::string("cannot create pipes: ") + std::strerror(errno);
+        return kFailed;
+    }
+
+    const Streams childStreams{devNull.get(), outWrite.get(),
+                               mergeErr ? outWrite.get() : errWrite.get()};
     pid_t pid = -1;
-    const int spawnError = ::posix_spawn(&pid, hostPath.c_str(), &setup.actions_, &setup.attr_,
-                                         cargv.data(), cenv.data());
+    const int started = runAs != nullptr
+                            ? ForkAs(hostPath, argv, env, childStreams, *runAs, pid, run)
+                            : Spawn(hostPath, argv, env, childStreams, pid, run);
     outWrite.reset();
     errWrite.reset();
     devNull.reset();
-    if (spawnError != 0) {
-        run.diagnostic = hostPath + ": " + std::strerror(spawnError);
-        return spawnError == ENOENT                            ? kNotFound
-               : spawnError == EACCES || spawnError == ENOEXEC ? kAccessDenied
-                                                               : kFailed;
-    }
+    if (started != kOk) return started;
 
     using Clock = std::chrono::steady_clock;
     const bool limited = timeoutSeconds > 0;
