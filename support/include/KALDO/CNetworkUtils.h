@@ -11,11 +11,13 @@ namespace KALDO {
 
 class KALDO_API CNetworkUtils {
 public:
-    // One record (a map) per network interface that has a hardware address
-    // slot (loopback and tunnels without one are left out), in the system's
-    // order, appended to `devices`: "Name" (interface name) and, where it
-    // could be read, "HardwareAddress" (raw form). In a machine root, one
-    // record per `nic` line of .machine, in file order.
+    // One record (a map) per network interface whose link type carries a
+    // hardware address (Ethernet, Wi-Fi, bridges, VLANs, bonds and the like;
+    // loopback, tunnels such as utun, gif and stf, and point-to-point links
+    // have none by nature and are left out), in the system's order, appended
+    // to `devices`: "Name" (interface name) and, where it could be read,
+    // "HardwareAddress" (raw form). In a machine root, one record per `nic`
+    // line of .machine, in file order.
     static int GetNetworkDevices(std::vector<typeProperty>& devices);
 
     // The hardware address of one interface record as upper-case hexadecimal

@@ -2,18 +2,14 @@
 // CNetworkUtils. Internal to CoreUtils.
 #pragma once
 
-#include <string>
 #include <vector>
+
+#include "platform/LinkTypes.h"
 
 namespace KALDO::platform {
 
-struct Interface {
-    std::string name;
-    std::vector<unsigned char> hardwareAddress;  // empty when it could not be read
-};
-
-// Interfaces with a link-layer address slot, loopback left out, in the
-// system's order (each name once).
+// The interfaces whose link type carries a hardware address (ListedInterface),
+// in the system's order, each name once.
 int ListInterfaces(std::vector<Interface>& interfaces);
 
 }  // namespace KALDO::platform

@@ -1,5 +1,4 @@
 #include <ifaddrs.h>
-#include <net/if.h>
 #include <sys/socket.h>
 #if defined(__APPLE__)
 #include <net/if_dl.h>
@@ -9,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "KALDO/Result.h"
 #include "platform/Interfaces.h"
@@ -19,25 +19,27 @@ int ListInterfaces(std::vector<Interface>& interfaces) {
     ifaddrs* list = nullptr;
     if (::getifaddrs(&list) != 0) return ResultFromErrno(errno);
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || (entry->ifa_flags & IFF_LOOPBACK) != 0) continue;
-        const unsigned char* bytes = nullptr;
-        size_t length = 0;
+        if (entry->ifa_addr == nullptr) continue;
 #if defined(__APPLE__)
         if (entry->ifa_addr->sa_family != AF_LINK) continue;
         const auto* link = reinterpret_cast<const sockaddr_dl*>(entry->ifa_addr);
-        bytes = reinterpret_cast<const unsigned char*>(LLADDR(link));
-        length = link->sdl_alen;
+        const LinkTypes from = LinkTypes::kMac;
+        const unsigned type = link->sdl_type;
+        const auto* bytes = reinterpret_cast<const unsigned char*>(LLADDR(link));
+        const size_t length = link->sdl_alen;
 #else
         if (entry->ifa_addr->sa_family != AF_PACKET) continue;
         const auto* link = reinterpret_cast<const sockaddr_ll*>(entry->ifa_addr);
-        bytes = link->sll_addr;
-        length = std::min<size_t>(link->sll_halen, sizeof link->sll_addr);
+        const LinkTypes from = LinkTypes::kLinux;
+        const unsigned type = link->sll_hatype;
+        const unsigned char* bytes = link->sll_addr;
+        const size_t length = std::min<size_t>(link->sll_halen, sizeof link->sll_addr);
 #endif
         const std::string name = entry->ifa_name != nullptr ? entry->ifa_name : "";
+        std::optional<Interface> listed = ListedInterface(from, name, type, bytes, length);
         const bool seen = std::any_of(interfaces.begin(), interfaces.end(),
                                       [&](const Interface& i) { return i.name == name; });
-        if (seen || name.empty()) continue;
-        interfaces.push_back({name, std::vector<unsigned char>(bytes, bytes + length)});
+        if (listed && !seen) interfaces.push_back(std::move(*listed));
     }
     ::freeifaddrs(list);
     return kOk;
