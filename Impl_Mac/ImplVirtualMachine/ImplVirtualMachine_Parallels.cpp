@@ -191,16 +191,22 @@ void WaitForService() {
     }
 }
 
+// One prlctl run as the console user: the run's result; its output and
+// error texts. Its exit status decides nothing.
+int RunPrlctl(const std::vector<std::wstring>& args, std::wstring& out, std::wstring& err) {
+    int exitStatus = 0;
+    std::wstring diagnostic;
+    return CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic,
+                                            kAsConsoleUser);
+}
+
 // One "prlctl start" attempt: the run's result, turned into -4 by a refusal
 // and into 0 by a start or by an already running VM. Progress texts count
 // only after prlctl said it is starting the VM.
 int StartAttempt(const std::vector<std::wstring>& args) {
-    int exitStatus = 0;
     std::wstring out;
     std::wstring err;
-    std::wstring diagnostic;
-    int code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic,
-                                                kAsConsoleUser);
+    int code = RunPrlctl(args, out, err);
     if (code < 0) return code;
     if (Contains(err, kServiceDown)) code = -4;
     if (Contains(err, kStartRefused)) code = -4;
@@ -391,12 +397,9 @@ int ImplVirtualMachine_Parallels_9_X_OperateVM(int, int, int, const KALDO::CSoft
     if (CAppleUtils::GetCurrentLoggedInUserInfo(consoleHome, &consoleUser, nullptr) < 0)
         return IMPLVM_RECORD(-1);
 
-    int exitStatus = 0;
     std::wstring out;
     std::wstring err;
-    std::wstring diagnostic;
-    int code = CProcessUtils::ExecuteSafeToText(kPrlctl, args, exitStatus, &out, &err, &diagnostic,
-                                                kAsConsoleUser);
+    int code = RunPrlctl(args, out, err);
     if (code >= 0 && Contains(err, kLoginFailed)) code = -4;
     return IMPLVM_RECORD(code);
 }
