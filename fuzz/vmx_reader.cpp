@@ -31,6 +31,36 @@ void Prepare() {
     (void)ready;
 }
 
+// The adapters as a plain reading of the rules gives them: each key looked
+// up on its own in the whole text (quadratic, fine for fuzz inputs), against
+// which the reader's one-pass scan is checked.
+KALDO::typeProperty ReferenceAdapters(const std::wstring& vmx) {
+    const auto value = [&](const std::wstring& key) {
+        return KALDO::CStringUtils::ParseSubstringFromString(vmx, L"", key + L" = \"", L"\"\n",
+                                                             nullptr);
+    };
+    KALDO::typeProperty networks;
+    for (int n = 0;; ++n) {
+        const std::wstring key = L"ethernet" + std::to_wstring(n);
+        const std::wstring present = value(key + L".present");
+        if (present.empty()) break;
+        if (present == L"FALSE") continue;
+        KALDO::typeProperty adapter;
+        adapter.addMapVal(L"Name",
+                          n == 0 ? std::wstring(L"Network") : L"Network " + std::to_wstring(n + 1));
+        const std::wstring connection = value(key + L".connectionType");
+        const int type = connection == L"nat"        ? 1
+                         : connection == L"bridged"  ? 2
+                         : connection == L"hostonly" ? 3
+                                                     : 0;
+        if (type != 0) adapter.addMapVal(L"Type", type);
+        adapter.addMapVal(L"IsConnected", value(key + L".startConnected") == L"FALSE" ? 0 : 1);
+        adapter.addMapVal(L"MacAddress", std::wstring());
+        networks.addVecVal(adapter);
+    }
+    return networks;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -49,6 +79,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         int state = 0;
         implvm_fuzz::Check(description.getMapVal(L"State", state) >= 0 && state >= 1 && state <= 3,
                            "a described VM without a state");
+        KALDO::typeProperty networks;
+        description.getMapVal(L"Networks", networks);
+        const KALDO::typeProperty expected =
+            ReferenceAdapters(KALDO::CStringUtils::StringToWString(vmx));
+        implvm_fuzz::Check(networks == expected, "adapters differ from the key-by-key reading");
     }
     return 0;
 }

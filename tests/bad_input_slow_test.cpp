@@ -12,6 +12,7 @@
 #include <set>
 
 #include "DemoMac.h"
+#include "KALDO/CProcessUtils.h"
 
 namespace fs = std::filesystem;
 using implvm_test::CallResult;
@@ -21,8 +22,10 @@ using implvm_test::MethodCall;
 
 namespace {
 
-// Under the sanitizers a smaller flood reaches the same code paths.
+// Under the sanitizers a smaller file reaches the same code paths.
 constexpr size_t kHugeBytes = size_t{implvm_test::kSanitized ? 32 : 256} << 20;
+// A tool is killed once it has printed past the output limit.
+constexpr size_t kFloodBytes = 2 * KALDO::CProcessUtils::kToolOutputLimitBytes;
 
 const std::string kPvm = "/Users/robin/Parallels/",
                   kVmx = "/Users/robin/Virtual Machines.localized/",
@@ -38,11 +41,12 @@ void ExpectAccountedFor(const CallResult& r, const std::string& what) {
 
 // A case's codes are one letter per kind of bad input, in its table's order:
 // '0', E = -1 (general failure), N = -2 (the library's "not found"), A = -4
-// ("access denied", kept by the propagation rule), T = -7 (timed out).
+// ("access denied", kept by the propagation rule), T = -7 (timed out), L = -8
+// (the tool printed past the output limit).
 void Expect(const MethodCall& call, const std::string& codes, int kind, const std::string& what) {
     const CallResult r = call.run();
-    const int code[] = {0, -1, -2, -4, -7};
-    EXPECT_EQ(r.result, code[std::string("0ENAT").find(codes.at(size_t(kind)))]) << what;
+    const int code[] = {0, -1, -2, -4, -7, -8};
+    EXPECT_EQ(r.result, code[std::string("0ENATL").find(codes.at(size_t(kind)))]) << what;
     ExpectAccountedFor(r, what);
 }
 
@@ -142,7 +146,7 @@ TEST_P(BadTools, GetADefiniteCode) {
     const std::pair<const char*, FakeResponse> behaviours[] = {
         {"hangs up early", {.hangUp = true}},
         {"prints nothing", {}},
-        {"floods its output", {.out = line + "\n", .outRepeat = kHugeBytes / (64 << 10)}},
+        {"floods its output", {.out = line + "\n", .outRepeat = kFloodBytes / (64 << 10)}},
         {"dies from SIGSEGV", {.signal = SIGSEGV}},
         {"not executable", {}},
         {"never ends", {.sleepSeconds = 60}}};
@@ -168,23 +172,24 @@ INSTANTIATE_TEST_SUITE_P(Tools, BadTools, testing::Values(
     ToolCase{kVBoxManage, IMPLVM_CALL(VirtualMachineImpl_VirtualBox2_GetVMInfo,
              {{"Name", kServer}}), "EEEEAE"},
     // A killed action tool reads as a failed exit without "error" in its
-    // text, which the answer tables count as done.
+    // text, which the answer tables count as done. A flood is cut off at the
+    // output limit: the tool could not run.
     ToolCase{kVBoxManage, IMPLVM_CALL(VirtualMachineImpl_VirtualBox_4_X_StartVM,
-             {{"Name", "Debian 12"}}), "0000AE"},
+             {{"Name", "Debian 12"}}), "00E0AE"},
     ToolCase{kVmrun, IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_StartVM,
-             {{"Name", kVmx + "macOS 10.15.vmwarevm/macOS 10.15.vmx"}}, kFusion), "0000AE"},
+             {{"Name", kVmx + "macOS 10.15.vmwarevm/macOS 10.15.vmx"}}, kFusion), "00E0AE"},
     ToolCase{kVmrun, IMPLVM_CALL(VirtualMachineImpl_VmWareFusion4_ListSnapshots,
              {{"Name", kWindows7}}, kFusion), "EEEEAE"},
     ToolCase{"/usr/sbin/system_profiler",
-             IMPLVM_CALL(VirtualMachineImpl_Common_IsMachineVirtual), "0000EE"},
+             IMPLVM_CALL(VirtualMachineImpl_Common_IsMachineVirtual), "00E0EE"},
     // Without a process listing the running VM's state is unknown.
     ToolCase{"/bin/ps", IMPLVM_CALL(VirtualMachineImpl_VmWareFusion1_GetVMInfo,
-             {{"Name", kWindows7}}, kFusion), "EE0EEE"},
+             {{"Name", kWindows7}}, kFusion), "EEEEEE"},
     ToolCase{"/Applications/Parallels Desktop.app/Contents/MacOS/prlctl",
              IMPLVM_CALL(ImplVirtualMachine_Parallels_9_X_OperateVM,
-             {{"Name", kXpConfig}, {"COMMAND", "stop"}}), "0000AT"},
+             {{"Name", kXpConfig}, {"COMMAND", "stop"}}), "00L0AT"},
     ToolCase{"/usr/bin/open", IMPLVM_CALL(VirtualMachineImpl_Parallels4_StartVM,
-             {{"Name", kPvm + "Ubuntu 22.04.pvm"}}), "000EEE"}));
+             {{"Name", kPvm + "Ubuntu 22.04.pvm"}}), "00EEEE"}));
 // clang-format on
 
 // Every method that reads inputs, with each input in turn missing, an integer

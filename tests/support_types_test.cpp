@@ -95,7 +95,7 @@ TEST(ErrorLog, RecordsFailuresOnlyKeepsTheNewestAndLosesNone) {
     CErrorInfo::clearErrors();
     EXPECT_EQ(CErrorInfo::addIfError(0, L"f", 1) + CErrorInfo::addIfError(3, L"f", 2), 3);
     EXPECT_EQ(CErrorInfo::addIfError(-4, nullptr, 3), -4);
-    EXPECT_EQ(CErrorInfo::getErrors(), (std::vector<ErrorRecord>{{-4, L"", 3}}));
+    EXPECT_EQ(CErrorInfo::getErrors(), (std::vector<ErrorRecord>{{-4, L"", 3, L""}}));
     const int total = static_cast<int>(CErrorInfo::kMaxRecords) + 10;
     for (int i = 4; i < total; ++i) CErrorInfo::addIfError(-1, L"f", i);
     const auto records = CErrorInfo::getErrors();

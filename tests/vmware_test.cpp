@@ -145,6 +145,33 @@ ethernet5.present = "TRUE"
         {"Name": "Network 4", "IsConnected": 1, "MacAddress": ""}]})"));
 }
 
+// The adapter keys are read in one pass, yet as each key alone would be: its
+// first occurrence anywhere (inside a longer key or a value too), letters in
+// any case, the number only as plain decimal, up to the quote ending a line.
+TEST_F(VmWare, AdapterKeysAsTheirFirstOccurrence) {
+    // clang-format off
+    struct { std::string keys; const char* networks; } const rows[] = {
+        {"ETHERNET0.Present = \"TRUE\"\nEthernet0.CONNECTIONTYPE = \"nat\"\n",
+         R"([{"Name": "Network", "Type": 1, "IsConnected": 1, "MacAddress": ""}])"},
+        {"x.ethernet0.present = \"TRUE\"\nethernet0.present = \"FALSE\"\n",
+         R"([{"Name": "Network", "IsConnected": 1, "MacAddress": ""}])"},
+        {"ethernet0.present = \"\"\nethernet0.present = \"TRUE\"\n", "null"},
+        {"ethernet00.present = \"TRUE\"\nethernet01.present = \"TRUE\"\n", "null"},
+        {"annotation = \"ethernetethernet0.present = \"TRUE\"\n", R"([{"Name": "Network", "IsConnected": 1, "MacAddress": ""}])"},
+        {"ethernet0.present = \"TRUE\"\nethernet0.startConnected = \"FALSE\r\n"
+         "ethernet1.present = \"TRUE\"\r\nethernet1.connectionType = \"hostonly\"",
+         R"([{"Name": "Network", "IsConnected": 1, "MacAddress": ""},
+             {"Name": "Network 2", "IsConnected": 1, "MacAddress": ""}])"},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.keys);
+        mac.writeFile(kVmx, kVmxText + row.keys);
+        const auto r = Call(VirtualMachineImpl_VmWareFusion1_GetVMNetwork, {{"Name", kVmx}}, "3.1");
+        EXPECT_EQ(r.outputs.value("Networks", Json()), Json::parse(row.networks));
+    }
+}
+
 TEST_F(VmWare, VmrunAnswersOfAFailingExit) {
     const std::string unchanged =
         "Error: The state of the virtual machine has not changed since the last snapshot operation";

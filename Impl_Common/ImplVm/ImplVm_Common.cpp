@@ -40,7 +40,7 @@ typeProperty VendorTable() {
 
 }  // namespace
 
-int macAddressCheck(std::wstring& vendor) {
+int macAddressCheck(std::wstring& vendor) try {
     const typeProperty table = VendorTable();
     std::vector<std::wstring> prefixes;
     table.getMapKeys(prefixes);
@@ -69,9 +69,10 @@ int macAddressCheck(std::wstring& vendor) {
     if (unreadable != 0) return IMPLVM_RECORD(-6);
     return IMPLVM_RECORD(-1);
 }
+IMPLVM_BOUNDARY
 
 int ImplVm_Common_IsMachineVirtual(int, int, int, const CSoftwareVersion*, const typeProperty*,
-                                   typeProperty* outputs) {
+                                   typeProperty* outputs) try {
     std::wstring vendor = kUnknownVendor;
     // The check's failure stays in the error log; the host gets an answer.
     switch (macAddressCheck(vendor)) {
@@ -89,3 +90,4 @@ int ImplVm_Common_IsMachineVirtual(int, int, int, const CSoftwareVersion*, const
     }
     return 0;
 }
+IMPLVM_BOUNDARY

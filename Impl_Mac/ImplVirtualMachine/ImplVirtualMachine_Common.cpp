@@ -40,15 +40,17 @@ constexpr HardwareMarker kHardwareMarkers[] = {
 }  // namespace
 
 int VirtualMachineImpl_Common_GetModuleVersion(int, int, int, const CSoftwareVersion*,
-                                               const typeProperty*, typeProperty* outputs) {
+                                               const typeProperty*, typeProperty* outputs) try {
     if (outputs == nullptr) return 0;
     outputs->setString(kModuleVersion);
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_Common_GetProductVersion(int context1, int context2, int context3,
                                                 const CSoftwareVersion* version,
-                                                const typeProperty* inputs, typeProperty* outputs) {
+                                                const typeProperty* inputs,
+                                                typeProperty* outputs) try {
     typeProperty merged;
     if (KALDO::CDbUtils::getInputsForMethod(context1, context2, context3, version, inputs,
                                             &merged) < 0)
@@ -56,9 +58,11 @@ int VirtualMachineImpl_Common_GetProductVersion(int context1, int context2, int 
     // The library's own code, success included, is the answer.
     return IMPLVM_RECORD(KALDO::CAppleUtils::GetProductVersion(merged, *outputs));
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_Common_GetHypervisorType(int, int, int, const CSoftwareVersion*,
-                                                const typeProperty* inputs, typeProperty* outputs) {
+                                                const typeProperty* inputs,
+                                                typeProperty* outputs) try {
     // Unlike every other method, a missing input here is -3 and no record.
     if (inputs == nullptr) return -3;
     std::wstring hyperType;
@@ -67,9 +71,10 @@ int VirtualMachineImpl_Common_GetHypervisorType(int, int, int, const CSoftwareVe
     outputs->addInteger(L"HypervisorType", KALDO::CStringUtils::StrToI32(hyperType));
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_Common_IsMachineVirtual(int, int, int, const CSoftwareVersion*,
-                                               const typeProperty*, typeProperty* outputs) {
+                                               const typeProperty*, typeProperty* outputs) try {
     const std::vector<std::wstring> arguments(std::begin(kProfilerDataTypes),
                                               std::end(kProfilerDataTypes));
     int exitCode = 0;  // the report decides, not the tool's status
@@ -87,3 +92,4 @@ int VirtualMachineImpl_Common_IsMachineVirtual(int, int, int, const CSoftwareVer
     outputs->addInteger(L"IsMachineVirtual", 0);
     return 0;
 }
+IMPLVM_BOUNDARY

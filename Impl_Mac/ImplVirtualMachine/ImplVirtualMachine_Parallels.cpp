@@ -159,7 +159,8 @@ std::wstring VmUuid(const std::wstring& configText) {
 // prlctl and the Parallels GUI run wholly as the console user (ids, groups
 // and home), switched in the tool's own process: the host's ids never
 // change, so nothing else the host does meanwhile runs as that user.
-const CProcessUtils::RunOptions kAsConsoleUser{.asConsoleUser = true};
+// Every prlctl run here acts on a VM: an action's time limit.
+const CProcessUtils::RunOptions kAsConsoleUser{.asConsoleUser = true, .isAction = true};
 // The GUI is meant to keep running: no time limit ends it.
 const CProcessUtils::RunOptions kGuiAsConsoleUser{.asConsoleUser = true, .noTimeLimit = true};
 
@@ -221,7 +222,7 @@ int StartAttempt(const std::vector<std::wstring>& args) {
 
 // ---- Inventory ----
 
-int VirtualMachineImpl_Parallels4_GetAllVms(std::vector<std::wstring>& vmHomes) {
+int VirtualMachineImpl_Parallels4_GetAllVms(std::vector<std::wstring>& vmHomes) try {
     std::wstring text;
     int rc = CFileUtils::ReadFromTextFile(kDirectoryList, text);
     if (rc < 0) return IMPLVM_FAIL(rc);
@@ -238,9 +239,10 @@ int VirtualMachineImpl_Parallels4_GetAllVms(std::vector<std::wstring>& vmHomes) 
     }
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_Parallels4_EnumerateVMs(int, int, int, const KALDO::CSoftwareVersion*,
-                                               const typeProperty*, typeProperty* outputs) {
+                                               const typeProperty*, typeProperty* outputs) try {
     // An unreadable directory list is already recorded by the list builder;
     // the host sees it as no VMs.
     std::vector<std::wstring> homes;
@@ -248,11 +250,12 @@ int VirtualMachineImpl_Parallels4_EnumerateVMs(int, int, int, const KALDO::CSoft
     ImplVm::WriteVmList(outputs, std::move(homes));
     return 0;
 }
+IMPLVM_BOUNDARY
 
 // ---- Configuration reader ----
 
 int VirtualMachineImpl_Parallels4_GetInfoForVm(const std::wstring& vmHome,
-                                               typeProperty* description) {
+                                               typeProperty* description) try {
     description->clear();
 
     std::wstring text;
@@ -301,24 +304,28 @@ int VirtualMachineImpl_Parallels4_GetInfoForVm(const std::wstring& vmHome,
     description->addSubTree(L"Networks", networks);
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_Parallels4_GetVMInfo(int, int, int, const KALDO::CSoftwareVersion*,
-                                            const typeProperty* inputs, typeProperty* outputs) {
+                                            const typeProperty* inputs, typeProperty* outputs) try {
     return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_Parallels4_GetInfoForVm,
                                      {L"UserFriendlyName", L"OS", L"State"}, outputs, __FILE__,
                                      __LINE__);
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_Parallels4_GetVMNetwork(int, int, int, const KALDO::CSoftwareVersion*,
-                                               const typeProperty* inputs, typeProperty* outputs) {
+                                               const typeProperty* inputs,
+                                               typeProperty* outputs) try {
     return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_Parallels4_GetInfoForVm,
                                      {L"Networks"}, outputs, __FILE__, __LINE__);
 }
+IMPLVM_BOUNDARY
 
 // ---- Control ----
 
 int VirtualMachineImpl_Parallels4_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                          const typeProperty* inputs, typeProperty*) {
+                                          const typeProperty* inputs, typeProperty*) try {
     std::wstring vmHome;
     int rc = ImplVm::ReadInput(inputs, L"Name", vmHome);
     if (rc < 0) return IMPLVM_FAIL(rc);
@@ -327,14 +334,16 @@ int VirtualMachineImpl_Parallels4_StartVM(int, int, int, const KALDO::CSoftwareV
     // is not looked at before or after.
     int exitStatus = 0;
     std::wstring out;
-    rc = CProcessUtils::ExecuteSafeToText(kOpenTool, {vmHome}, exitStatus, &out, nullptr, nullptr);
+    rc = CProcessUtils::ExecuteSafeToText(kOpenTool, {vmHome}, exitStatus, &out, nullptr, nullptr,
+                                          {.isAction = true});
     if (rc < 0) return IMPLVM_FAIL(rc);
     if (exitStatus != 0) return IMPLVM_RECORD(-1);
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int ImplVirtualMachine_Parallels_9_X_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                             const typeProperty* inputs, typeProperty*) {
+                                             const typeProperty* inputs, typeProperty*) try {
     std::wstring configPath;
     if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(-3);
 
@@ -373,9 +382,10 @@ int ImplVirtualMachine_Parallels_9_X_StartVM(int, int, int, const KALDO::CSoftwa
     }
     return IMPLVM_RECORD(code);
 }
+IMPLVM_BOUNDARY
 
 int ImplVirtualMachine_Parallels_9_X_OperateVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                               const typeProperty* inputs, typeProperty*) {
+                                               const typeProperty* inputs, typeProperty*) try {
     std::wstring configPath;
     if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(-3);
     std::wstring command;
@@ -403,3 +413,4 @@ int ImplVirtualMachine_Parallels_9_X_OperateVM(int, int, int, const KALDO::CSoft
     if (code >= 0 && Contains(err, kLoginFailed)) code = -4;
     return IMPLVM_RECORD(code);
 }
+IMPLVM_BOUNDARY

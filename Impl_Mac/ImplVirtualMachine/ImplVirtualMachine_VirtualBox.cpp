@@ -4,7 +4,11 @@
 // Every text is searched with literal markers, never parsed as XML: the
 // reports and settings files of several VirtualBox generations only agree on
 // these markers.
+#include <algorithm>
+#include <climits>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "ImplVirtualMachine.h"
@@ -111,24 +115,100 @@ const Row& Classify(const Row (&table)[N], const std::wstring& text, const Row& 
 
 // "NIC 1: ", "NIC 2: ", ...: the colon and blank keep the adapters' settings
 // and rules lines ("NIC 1 Settings:", "NIC 1 Rule(0):") from counting.
-std::wstring AdapterKey(int number) {
-    return L"NIC " + CStringUtils::I32ToStr(number) + L": ";
-}
+constexpr size_t npos = std::wstring_view::npos;
+constexpr std::wstring_view kNicWord = L"NIC ";
+constexpr std::wstring_view kNicColon = L": ";
+
+// Where each adapter's key "NIC n: " stands in a report, found in one pass:
+// the first occurrence as written (which says the adapter exists) and the
+// first in any letter case (where the support library's marker search,
+// which the line and attachment cuts follow, finds it), with the positions
+// of the line ends, "Attachment: " markers and commas those cuts end at.
+// Cutting each adapter out of the whole report in turn would rescan it per
+// adapter, and a guest can put any number of "NIC n: " texts into it.
+class NicIndex {
+public:
+    explicit NicIndex(std::wstring_view report) : text_(report) {
+        for (size_t at = text_.find_first_of(L"Nn"); at != npos;
+             at = text_.find_first_of(L"Nn", at + 1)) {
+            if (!ImplVm::MatchesFoldedAt(text_, at, kNicWord)) continue;
+            size_t p = at + kNicWord.size();
+            const size_t digits = p;
+            long long n = 0;
+            while (p < text_.size() && text_[p] >= L'0' && text_[p] <= L'9' && n <= INT_MAX)
+                n = n * 10 + (text_[p++] - L'0');
+            if (p == digits || n > INT_MAX || (text_[digits] == L'0' && p - digits > 1) ||
+                text_.substr(p, kNicColon.size()) != kNicColon)
+                continue;
+            Key& key = keys_[static_cast<int>(n)];
+            if (key.folded == npos) key.folded = at;
+            if (!key.exact) key.exact = text_.substr(at, kNicWord.size()) == kNicWord;
+            key.length = p + kNicColon.size() - at;
+        }
+        if (keys_.empty()) return;
+        const std::wstring_view attachment = kAttachmentBegin;
+        for (size_t at = 0; at < text_.size(); ++at) {
+            const wchar_t c = text_[at];
+            if (c == L'\n') lineEnds_.push_back(at);
+            if (c == kAttachmentEnd[0]) commas_.push_back(at);  // a one-character marker
+            if ((c | 0x20) == L'a' && ImplVm::MatchesFoldedAt(text_, at, attachment))
+                attachments_.push_back(at);
+        }
+    }
+
+    // Whether "NIC n: " stands in the report as written.
+    bool has(int n) const {
+        const auto key = keys_.find(n);
+        return key != keys_.end() && key->second.exact;
+    }
+
+    // The rest of the key's line ("" when no line end follows).
+    std::wstring line(int n) const {
+        const Key& key = keys_.at(n);
+        const size_t from = key.folded + key.length;
+        const auto lf = std::lower_bound(lineEnds_.begin(), lineEnds_.end(), from);
+        if (lf == lineEnds_.end()) return {};
+        const size_t end = *lf > from && text_[*lf - 1] == L'\r' ? *lf - 1 : *lf;
+        return std::wstring(text_.substr(from, end - from));
+    }
+
+    // The text after the first "Attachment: " from the key on, up to the
+    // next comma ("" when either is missing).
+    std::wstring attachment(int n) const {
+        const size_t begin = std::wstring_view(kAttachmentBegin).size();
+        const auto at =
+            std::lower_bound(attachments_.begin(), attachments_.end(), keys_.at(n).folded);
+        if (at == attachments_.end()) return {};
+        const auto comma = std::lower_bound(commas_.begin(), commas_.end(), *at + begin);
+        if (comma == commas_.end()) return {};
+        return std::wstring(text_.substr(*at + begin, *comma - *at - begin));
+    }
+
+private:
+    struct Key {
+        size_t folded = npos;  // start of the first occurrence in any case
+        size_t length = 0;
+        bool exact = false;
+    };
+    std::wstring_view text_;
+    std::unordered_map<int, Key> keys_;
+    std::vector<size_t> lineEnds_, commas_, attachments_;  // positions, ascending
+};
 
 // Fills `networks` with one map per enabled adapter, numbered as the tool
 // numbers them. The adapters end at the first number the report does not
 // mention, whatever follows. Failures are recorded here.
 int ReadAdapters(const std::wstring& report, typeProperty& networks) {
+    const NicIndex nics(report);
     for (int number = 1;; ++number) {
-        const std::wstring key = AdapterKey(number);
-        if (report.find(key) == std::wstring::npos) return 0;
-        const std::wstring lineValue = CutOut(report, L"", key, L"\n");
+        if (!nics.has(number)) return 0;
+        const std::wstring lineValue = nics.line(number);
         if (lineValue.empty()) return IMPLVM_RECORD(KALDO::kFailed);
         if (CStringUtils::Trim(lineValue) == L"disabled") continue;
 
         typeProperty adapter;
         adapter.addMapVal(L"Name", L"Adapter " + CStringUtils::I32ToStr(number));
-        const std::wstring attachment = CutOut(report, key, kAttachmentBegin, kAttachmentEnd);
+        const std::wstring attachment = nics.attachment(number);
         if (attachment.empty()) return IMPLVM_RECORD(KALDO::kFailed);
         const AttachmentRow& kind =
             Classify(kAttachments, CStringUtils::Trim(attachment), kOtherAttachment);
@@ -181,7 +261,7 @@ int RunPowerMethod(const typeProperty* inputs, const wchar_t* action) {
 
 // ---- Inventory ----
 
-int VirtualMachineImpl_VirtualBox2_GetAllVms(std::vector<std::wstring>* vms, int majorVersion) {
+int VirtualMachineImpl_VirtualBox2_GetAllVms(std::vector<std::wstring>* vms, int majorVersion) try {
     if (vms == nullptr) return IMPLVM_RECORD(KALDO::kInvalidArgument);
     std::wstring home;
     int rc = KALDO::CAppleUtils::GetCurrentLoggedInUserInfo(home, nullptr, nullptr);
@@ -205,22 +285,24 @@ int VirtualMachineImpl_VirtualBox2_GetAllVms(std::vector<std::wstring>* vms, int
     }
     return 0;
 }
+IMPLVM_BOUNDARY
 
 // Never fails: a host learns of a missing installation from an empty list
 // (and the error log), as it always has.
 int VirtualMachineImpl_VirtualBox2_EnumerateVMs(int, int, int,
                                                 const KALDO::CSoftwareVersion* version,
-                                                const typeProperty*, typeProperty* outputs) {
+                                                const typeProperty*, typeProperty* outputs) try {
     std::vector<std::wstring> vms;
     (void)VirtualMachineImpl_VirtualBox2_GetAllVms(&vms, MajorVersionOf(version));
     ImplVm::WriteVmList(outputs, std::move(vms));
     return 0;
 }
+IMPLVM_BOUNDARY
 
 // ---- Machine description ----
 
 int VirtualMachineImpl_VirtualBox2_GetInfoForVm(const std::wstring& settingsPath,
-                                                typeProperty* description) {
+                                                typeProperty* description) try {
     if (description == nullptr) return IMPLVM_RECORD(KALDO::kInvalidArgument);
     description->clear();
 
@@ -272,52 +354,62 @@ int VirtualMachineImpl_VirtualBox2_GetInfoForVm(const std::wstring& settingsPath
     description->addSubTree(L"Networks", networks);
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox2_GetVMInfo(int, int, int, const KALDO::CSoftwareVersion*,
-                                             const typeProperty* inputs, typeProperty* outputs) {
+                                             const typeProperty* inputs,
+                                             typeProperty* outputs) try {
     return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_VirtualBox2_GetInfoForVm,
                                      {L"UserFriendlyName", L"OS", L"State"}, outputs, __FILE__,
                                      __LINE__);
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox2_GetVMNetwork(int, int, int, const KALDO::CSoftwareVersion*,
-                                                const typeProperty* inputs, typeProperty* outputs) {
+                                                const typeProperty* inputs,
+                                                typeProperty* outputs) try {
     return ImplVm::DescribeToOutputs(inputs, &VirtualMachineImpl_VirtualBox2_GetInfoForVm,
                                      {L"Networks"}, outputs, __FILE__, __LINE__);
 }
+IMPLVM_BOUNDARY
 
 // ---- Power actions ----
 
 int VirtualMachineImpl_VirtualBox_4_X_PerformVMAction(const std::wstring& action,
-                                                      const std::wstring& machine) {
+                                                      const std::wstring& machine) try {
     const std::vector<std::wstring> args =
         action == kStartAction ? std::vector<std::wstring>{action, machine}
                                : std::vector<std::wstring>{L"controlvm", machine, action};
     int exitCode = 0;
     std::wstring text;
     const int rc = KALDO::CProcessUtils::ExecuteSafeToText(kVBoxManage, args, exitCode, &text,
-                                                           nullptr, nullptr);
+                                                           nullptr, nullptr, {.isAction = true});
     if (rc < 0) return IMPLVM_FAIL(rc);
     if (exitCode == 0) return 0;
     return IMPLVM_RECORD(JudgeFailedExit(text));
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox_4_X_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                              const typeProperty* inputs, typeProperty*) {
+                                              const typeProperty* inputs, typeProperty*) try {
     return RunPowerMethod(inputs, kStartAction);
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox_4_X_StopVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                             const typeProperty* inputs, typeProperty*) {
+                                             const typeProperty* inputs, typeProperty*) try {
     return RunPowerMethod(inputs, L"poweroff");
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox_4_X_PauseVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                              const typeProperty* inputs, typeProperty*) {
+                                              const typeProperty* inputs, typeProperty*) try {
     return RunPowerMethod(inputs, L"pause");
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox_4_X_ResumeVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                               const typeProperty* inputs, typeProperty*) {
+                                               const typeProperty* inputs, typeProperty*) try {
     return RunPowerMethod(inputs, L"resume");
 }
+IMPLVM_BOUNDARY

@@ -2,9 +2,11 @@
 // reader with its guest-OS table and power-state rules, and the power and
 // snapshot actions through vmrun.
 #include <array>
+#include <climits>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "ImplVirtualMachine.h"
@@ -256,26 +258,87 @@ int StateFromMemoryFiles(const std::wstring& vmFolder, int& state) {
     return 0;
 }
 
+// The adapter keys the reader uses, `ethernetN.<field> = "`.
+enum AdapterField { kPresent, kConnectionType, kStartConnected, kAdapterFields };
+constexpr std::wstring_view kAdapterFieldMarkers[kAdapterFields] = {
+    L"present = \"", L"connectionType = \"", L"startConnected = \""};
+
+struct AdapterValues {
+    std::array<std::wstring, kAdapterFields> value;  // "" where missing or unterminated
+    std::array<bool, kAdapterFields> seen{};
+};
+
+// Every adapter key of a .vmx in one pass, with the value VmxValue would
+// give it: that of the key's first occurrence anywhere in the text (a longer
+// key ending in it counts too), ASCII letters in any case, up to the quote
+// that ends its line. Asking VmxValue for each key in turn would rescan the
+// file per adapter, quadratic in the number of adapters.
+std::unordered_map<int, AdapterValues> ScanAdapters(std::wstring_view vmx) {
+    std::unordered_map<int, AdapterValues> adapters;
+    constexpr std::wstring_view kEthernet = L"ethernet";
+    // The end of the value that starts at `from`: the next quote before a
+    // line end (npos: none). Values start further on each time, so one
+    // answer serves until a value starts past it.
+    size_t valueEnd = 0;
+    bool known = false;
+    const auto endOfValueFrom = [&](size_t from) {
+        if (known && (valueEnd == npos || valueEnd >= from)) return valueEnd;
+        known = true;
+        for (valueEnd = vmx.find(L'"', from); valueEnd != npos;
+             valueEnd = vmx.find(L'"', valueEnd + 1)) {
+            const std::wstring_view after = vmx.substr(valueEnd + 1, 2);
+            if (after.starts_with(L'\n') || after == L"\r\n") break;
+        }
+        return valueEnd;
+    };
+    for (size_t at = 0; at + kEthernet.size() <= vmx.size(); ++at) {
+        if ((vmx[at] | 0x20) != L'e' || !ImplVm::MatchesFoldedAt(vmx, at, kEthernet)) continue;
+        size_t p = at + kEthernet.size();
+        const size_t digits = p;
+        long long n = 0;
+        while (p < vmx.size() && vmx[p] >= L'0' && vmx[p] <= L'9' && n <= INT_MAX)
+            n = n * 10 + (vmx[p++] - L'0');
+        // The key names adapter n only as its plain decimal, then a dot.
+        if (p == digits || n > INT_MAX || (vmx[digits] == L'0' && p - digits > 1) ||
+            p >= vmx.size() || vmx[p] != L'.')
+            continue;
+        ++p;
+        for (int f = 0; f < kAdapterFields; ++f) {
+            if (!ImplVm::MatchesFoldedAt(vmx, p, kAdapterFieldMarkers[f])) continue;
+            AdapterValues& values = adapters[static_cast<int>(n)];
+            if (values.seen[f]) break;
+            values.seen[f] = true;
+            const size_t start = p + kAdapterFieldMarkers[f].size();
+            const size_t end = endOfValueFrom(start);
+            if (end != npos) values.value[f] = std::wstring(vmx.substr(start, end - start));
+            break;
+        }
+    }
+    return adapters;
+}
+
 // ethernet0, ethernet1, ... up to the first index without a "present" key.
 typeProperty ReadAdapters(const std::wstring& vmx) {
+    const std::unordered_map<int, AdapterValues> adapters = ScanAdapters(vmx);
+    const AdapterValues none;
     typeProperty networks;
     for (int n = 0;; ++n) {
-        const std::wstring key = L"ethernet" + CStringUtils::I32ToStr(n);
-        const std::wstring present = VmxValue(vmx, key + L".present");
+        const auto found = adapters.find(n);
+        const AdapterValues& values = found == adapters.end() ? none : found->second;
+        const std::wstring& present = values.value[kPresent];
         if (present.empty()) break;
         if (present == L"FALSE") continue;
 
         typeProperty adapter;
         adapter.addMapVal(L"Name", n == 0 ? std::wstring(L"Network")
                                           : L"Network " + CStringUtils::I32ToStr(n + 1));
-        const std::wstring connection = VmxValue(vmx, key + L".connectionType");
         for (const Connection& row : kConnectionTable) {
-            if (connection == row.value) {
+            if (values.value[kConnectionType] == row.value) {
                 adapter.addMapVal(L"Type", row.type);
                 break;
             }
         }
-        const bool disconnected = VmxValue(vmx, key + L".startConnected") == L"FALSE";
+        const bool disconnected = values.value[kStartConnected] == L"FALSE";
         adapter.addMapVal(L"IsConnected", disconnected ? 0 : 1);
         adapter.addMapVal(L"MacAddress", std::wstring());
         networks.addVecVal(adapter);
@@ -326,8 +389,9 @@ constexpr VmrunAnswer kSnapshotAnswers[] = {
 int RunVmrun(const std::vector<std::wstring>& args, std::span<const VmrunAnswer> answers) {
     int exitCode = 0;
     std::wstring out;
-    const int rc =
-        KALDO::CProcessUtils::ExecuteSafeToText(kVmrun, args, exitCode, &out, nullptr, nullptr);
+    // Every run here changes the VM (power, snapshots): an action's time limit.
+    const int rc = KALDO::CProcessUtils::ExecuteSafeToText(kVmrun, args, exitCode, &out, nullptr,
+                                                           nullptr, {.isAction = true});
     if (rc < 0) return IMPLVM_FAIL(rc);
     if (exitCode == 0) return 0;
     for (const VmrunAnswer& answer : answers) {
@@ -372,7 +436,7 @@ int ChangeSnapshot(const typeProperty* inputs, const wchar_t* action) {
 
 // ---- Library ----
 
-int VirtualMachineImpl_VmWareFusion1_GetAllVms(std::vector<std::wstring>& vmxPaths) {
+int VirtualMachineImpl_VmWareFusion1_GetAllVms(std::vector<std::wstring>& vmxPaths) try {
     std::wstring home;
     int rc = KALDO::CAppleUtils::GetCurrentLoggedInUserInfo(home, nullptr, nullptr);
     if (rc < 0) return IMPLVM_FAIL(rc);
@@ -402,18 +466,21 @@ int VirtualMachineImpl_VmWareFusion1_GetAllVms(std::vector<std::wstring>& vmxPat
     }
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion1_EnumerateVMs(int, int, int, const KALDO::CSoftwareVersion*,
-                                                  const typeProperty*, typeProperty* outputs) {
+                                                  const typeProperty*, typeProperty* outputs) try {
     // Whatever the library gave up to a failure is still worth publishing.
     std::vector<std::wstring> vmxPaths;
     VirtualMachineImpl_VmWareFusion1_GetAllVms(vmxPaths);
     ImplVm::WriteVmList(outputs, std::move(vmxPaths));
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs(int, int, int, const KALDO::CSoftwareVersion*,
-                                                    const typeProperty*, typeProperty* outputs) {
+                                                    const typeProperty*,
+                                                    typeProperty* outputs) try {
     std::wstring home;
     const int rc =
         IMPLVM_RECORD(KALDO::CAppleUtils::GetCurrentLoggedInUserInfo(home, nullptr, nullptr));
@@ -430,12 +497,13 @@ int VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs(int, int, int, const KALDO::
     ImplVm::WriteVmList(outputs, std::move(vmxPaths));
     return 0;
 }
+IMPLVM_BOUNDARY
 
 // ---- .vmx reader ----
 
 int VirtualMachineImpl_VmWareFusion1_GetInfoForVm(const std::wstring& vmIdentifier,
                                                   typeProperty* description,
-                                                  int fusionMajorVersion) {
+                                                  int fusionMajorVersion) try {
     description->clear();
     std::wstring drive, folder, fileName, extension;
     int rc = KALDO::rtSplitPath(vmIdentifier, drive, folder, fileName, extension);
@@ -470,10 +538,12 @@ int VirtualMachineImpl_VmWareFusion1_GetInfoForVm(const std::wstring& vmIdentifi
     description->addSubTree(L"Networks", networks);
     return 0;
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion1_GetVMInfo(int, int, int,
                                                const KALDO::CSoftwareVersion* version,
-                                               const typeProperty* inputs, typeProperty* outputs) {
+                                               const typeProperty* inputs,
+                                               typeProperty* outputs) try {
     std::wstring name;
     typeProperty description;
     const int rc = ReadDescription(version, inputs, name, description);
@@ -481,66 +551,75 @@ int VirtualMachineImpl_VmWareFusion1_GetVMInfo(int, int, int,
     return ImplVm::CopyDescription(description, {L"UserFriendlyName", L"OS", L"State"}, outputs,
                                    __FILE__, __LINE__);
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion1_GetVMNetwork(int, int, int,
                                                   const KALDO::CSoftwareVersion* version,
                                                   const typeProperty* inputs,
-                                                  typeProperty* outputs) {
+                                                  typeProperty* outputs) try {
     std::wstring name;
     typeProperty description;
     const int rc = ReadDescription(version, inputs, name, description);
     if (rc < 0) return rc;
     return ImplVm::CopyDescription(description, {L"Networks"}, outputs, __FILE__, __LINE__);
 }
+IMPLVM_BOUNDARY
 
 // ---- Power actions ----
 
 int VirtualMachineImpl_VmwareFusion_PerformVMAction(const std::wstring& action,
-                                                    const std::wstring& vmPath) {
+                                                    const std::wstring& vmPath) try {
     return RunVmrun({action, vmPath}, kPowerAnswers);
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion1_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
-                                             const typeProperty* inputs, typeProperty*) {
+                                             const typeProperty* inputs, typeProperty*) try {
     std::wstring name;
     const int rc = ImplVm::ReadInput(inputs, L"Name", name);
     if (rc < 0) return IMPLVM_FAIL(rc);
     return IMPLVM_RECORD(VirtualMachineImpl_VmwareFusion_PerformVMAction(L"start", name));
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion1_StopVM(int, int, int, const KALDO::CSoftwareVersion* version,
-                                            const typeProperty* inputs, typeProperty*) {
+                                            const typeProperty* inputs, typeProperty*) try {
     // A suspended VM is resumed so that it can be shut down.
     return DriveVm(version, inputs, kStopped, kSuspended, L"stop");
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion1_SuspendVM(int, int, int,
                                                const KALDO::CSoftwareVersion* version,
-                                               const typeProperty* inputs, typeProperty*) {
+                                               const typeProperty* inputs, typeProperty*) try {
     // A stopped VM is started so that it can be suspended.
     return DriveVm(version, inputs, kSuspended, kStopped, L"suspend");
 }
+IMPLVM_BOUNDARY
 
 // ---- Snapshots ----
 
 int ControlSnapshot(const std::wstring& vmName, const std::wstring& action,
-                    const std::wstring& snapshotName) {
+                    const std::wstring& snapshotName) try {
     return RunVmrun({action, vmName, snapshotName}, kSnapshotAnswers);
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion4_AddSnapshot(int, int, int, const KALDO::CSoftwareVersion*,
-                                                 const typeProperty* inputs, typeProperty*) {
+                                                 const typeProperty* inputs, typeProperty*) try {
     return ChangeSnapshot(inputs, L"snapshot");
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion4_DeleteSnapshot(int, int, int, const KALDO::CSoftwareVersion*,
-                                                    const typeProperty* inputs, typeProperty*) {
+                                                    const typeProperty* inputs, typeProperty*) try {
     return ChangeSnapshot(inputs, L"deleteSnapshot");
 }
+IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmWareFusion4_ListSnapshots(int, int, int, const KALDO::CSoftwareVersion*,
                                                    const typeProperty* inputs,
-                                                   typeProperty* outputs) {
+                                                   typeProperty* outputs) try {
     std::wstring name;
     int rc = IMPLVM_RECORD(ImplVm::ReadInput(inputs, L"Name", name));
     if (rc < 0) return rc;
@@ -564,3 +643,4 @@ int VirtualMachineImpl_VmWareFusion4_ListSnapshots(int, int, int, const KALDO::C
     outputs->addSubTree(L"Snapshots", snapshots);
     return 0;
 }
+IMPLVM_BOUNDARY

@@ -11,6 +11,22 @@ int Record(int code, const char* file, int line) {
     return KALDO::CErrorInfo::addIfError(code, wideFile.c_str(), line);
 }
 
+int RecordUnexpected(const char* file, int line) noexcept {
+    try {
+        return Record(-1, file, line);
+    } catch (...) {
+        return -1;
+    }
+}
+
+bool MatchesFoldedAt(std::wstring_view text, size_t at, std::wstring_view marker) {
+    if (at > text.size() || marker.size() > text.size() - at) return false;
+    const auto lower = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? c + (L'a' - L'A') : c; };
+    for (size_t i = 0; i < marker.size(); ++i)
+        if (lower(text[at + i]) != lower(marker[i])) return false;
+    return true;
+}
+
 int ReadInput(const KALDO::typeProperty* inputs, const wchar_t* key, std::wstring& value) {
     return inputs->lookupString(key, value);
 }

@@ -6,6 +6,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "KALDO/typeProperty.h"
@@ -21,6 +22,15 @@ constexpr int Propagate(int code) {
 // Records `code` (when negative) against the wide form of `file` and `line`;
 // returns what the error log returns, i.e. `code`.
 int Record(int code, const char* file, int line);
+
+// -1 recorded at file/line for an exception caught at a boundary; -1 also
+// when even the record cannot be made.
+int RecordUnexpected(const char* file, int line) noexcept;
+
+// Whether `marker` stands at `at` in text, ASCII letters in any case: the
+// support library's marker matching, for the readers that index a text in
+// one pass instead of searching it key by key.
+bool MatchesFoldedAt(std::wstring_view text, size_t at, std::wstring_view marker);
 
 // Reads a string input with the tree's virtual string lookup; the lookup's
 // own code is returned (negative when the key is missing).
@@ -51,6 +61,15 @@ int DescribeToOutputs(const KALDO::typeProperty* inputs, DescriptionReader reade
                       const char* file, int line);
 
 }  // namespace ImplVm
+
+// The boundary of every exported function, as the handler of a
+// function-try-block: nothing thrown inside (a failed allocation, a library's
+// exception) reaches the host, which gets -1 with a record instead.
+//   int Method(...) try { ... } IMPLVM_BOUNDARY
+#define IMPLVM_BOUNDARY                                        \
+    catch (...) {                                              \
+        return ::ImplVm::RecordUnexpected(__FILE__, __LINE__); \
+    }
 
 // Record a code as it is / after the propagation rule, at the current line.
 #define IMPLVM_RECORD(code) ::ImplVm::Record((code), __FILE__, __LINE__)

@@ -21,10 +21,14 @@ ErrorLog& Log() {
 }  // namespace
 
 int CErrorInfo::addIfError(int code, const wchar_t* file, int line) {
+    return addIfError(code, file, line, std::wstring());
+}
+
+int CErrorInfo::addIfError(int code, const wchar_t* file, int line, const std::wstring& detail) {
     if (code >= 0) return code;
     ErrorLog& log = Log();
     try {
-        ErrorRecord record{code, file ? std::wstring(file) : std::wstring(), line};
+        ErrorRecord record{code, file ? std::wstring(file) : std::wstring(), line, detail};
         std::lock_guard lock(log.mutex);
         log.records.push_back(std::move(record));
         if (log.records.size() > kMaxRecords) {

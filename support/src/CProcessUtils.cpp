@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "ConsoleUserLookup.h"
+#include "KALDO/CErrorInfo.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Failpoints.h"
 #include "KALDO/MachineRoot.h"
@@ -20,7 +21,13 @@ extern char** environ;
 namespace KALDO {
 namespace {
 
-constexpr double kDefaultToolTimeoutSeconds = 300;
+const wchar_t* const kSourceFile = L"support/src/CProcessUtils.cpp";
+
+// A reading tool that has not answered in a minute is hung as far as a
+// management agent is concerned; starting or suspending a VM, or taking a
+// snapshot, may take minutes.
+constexpr double kReadingToolTimeoutSeconds = 60;
+constexpr double kActionToolTimeoutSeconds = 300;
 
 // Tools must print the English texts the module looks for, whatever the
 // host's language; C.UTF-8 where the system has it keeps UTF-8 output.
@@ -36,13 +43,28 @@ const std::string& ToolLocale() {
     return locale;
 }
 
-double ToolTimeoutSeconds() {
+// KALDO_TOOL_TIMEOUT, when set, is the one limit of every tool.
+double ToolTimeoutSeconds(bool action) {
+    const double byKind = action ? kActionToolTimeoutSeconds : kReadingToolTimeoutSeconds;
     const char* text = std::getenv("KALDO_TOOL_TIMEOUT");
-    if (text == nullptr || *text == '\0') return kDefaultToolTimeoutSeconds;
+    if (text == nullptr || *text == '\0') return byKind;
     char* end = nullptr;
     const double seconds = std::strtod(text, &end);
-    if (end == text || seconds < 0) return kDefaultToolTimeoutSeconds;
+    if (end == text || seconds < 0) return byKind;
     return seconds;  // 0: no limit
+}
+
+// The tool's own name, for a host's message.
+std::wstring ToolName(const std::wstring& tool) {
+    const size_t slash = tool.rfind(L'/');
+    return slash == std::wstring::npos ? tool : tool.substr(slash + 1);
+}
+
+std::wstring SecondsText(double seconds) {
+    std::wstring text = std::to_wstring(seconds);
+    text.erase(text.find_last_not_of(L'0') + 1);
+    if (!text.empty() && text.back() == L'.') text.pop_back();
+    return text;
 }
 
 bool HasName(const char* entry, const char* name) {
@@ -186,15 +208,33 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
     std::vector<std::string> argv;
     argv.reserve(args.size() + 1);
     argv.push_back(hostPath);
-    for (const std::wstring& arg : args) argv.push_back(CStringUtils::WStringToString(arg));
+    for (const std::wstring& arg : args) {
+        // A NUL would end the argument early: the tool would get another one.
+        if (arg.find(L'\0') != std::wstring::npos) {
+            if (third != nullptr) *third = tool + L": an argument holds U+0000";
+            return kInvalidArgument;
+        }
+        argv.push_back(CStringUtils::WStringToString(arg));
+    }
 
     platform::ToolRun run;
     const bool asUser = how != platform::UserSwitch::kAsHost;
-    const int rc =
-        platform::RunTool(hostPath, argv, ToolEnvironment(root, asUser ? &user : nullptr),
-                          err == nullptr, options.noTimeLimit ? 0 : ToolTimeoutSeconds(), run,
-                          how == platform::UserSwitch::kSwitch ? &runAs : nullptr);
+    const platform::ToolLimits limits{
+        options.noTimeLimit ? 0 : ToolTimeoutSeconds(options.isAction), kToolOutputLimitBytes};
+    const int rc = platform::RunTool(
+        hostPath, argv, ToolEnvironment(root, asUser ? &user : nullptr), err == nullptr, limits,
+        run, how == platform::UserSwitch::kSwitch ? &runAs : nullptr);
     if (third != nullptr) *third = CStringUtils::StringToWString(run.diagnostic);
+    // A host must be able to tell a hung or runaway tool from a failing one,
+    // whatever code the caller makes of it: the library records these itself.
+    if (rc == kTimedOut)
+        CErrorInfo::addIfError(
+            rc, kSourceFile, __LINE__,
+            ToolName(tool) + L" did not answer within " + SecondsText(limits.seconds) + L" s");
+    if (rc == kTooLarge)
+        CErrorInfo::addIfError(rc, kSourceFile, __LINE__,
+                               ToolName(tool) + L" printed more than " +
+                                   std::to_wstring(kToolOutputLimitBytes >> 20) + L" MiB");
     if (rc != kOk && rc != kTimedOut) return rc;
     exitCode = run.exitCode;
     if (out != nullptr) *out = CStringUtils::StringToWString(run.out);

@@ -17,6 +17,10 @@ struct ErrorRecord {
     int code = 0;
     std::wstring file;
     int line = 0;
+    // What CoreUtils says of a failure of its own that a host should know
+    // about beyond the module's record (a tool killed at its time limit:
+    // "VBoxManage did not answer within 60 s"); "" in the module's records.
+    std::wstring detail;
     bool operator==(const ErrorRecord&) const = default;
 };
 
@@ -27,6 +31,8 @@ public:
     // When code is negative, records (code, file, line); returns code
     // unchanged in every case. A null file is recorded as "".
     static int addIfError(int code, const wchar_t* file, int line);
+    // The same with a detail text (see ErrorRecord::detail).
+    static int addIfError(int code, const wchar_t* file, int line, const std::wstring& detail);
 
     // A copy of the records, oldest first.
     static std::vector<ErrorRecord> getErrors();

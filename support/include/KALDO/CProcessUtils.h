@@ -2,6 +2,7 @@
 // a tool gets its arguments as separate strings, byte for byte.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,10 @@ namespace KALDO {
 
 class KALDO_API CProcessUtils {
 public:
+    // What a tool may print before it is killed: ample for any report a
+    // hypervisor tool writes, far below what would exhaust a host's memory.
+    static constexpr size_t kToolOutputLimitBytes = size_t(64) << 20;
+
     // Runs `tool` (an absolute path, taken inside the machine root, or a bare
     // name searched on the machine's tool folders / PATH) with `args`, waits
     // for it and stores its exit status in exitCode (128 + signal number for
@@ -22,12 +27,19 @@ public:
     //          tool could not be started, or that it was killed).
     // Returns 0 when the tool ran to its end (whatever its exit status);
     // kNotFound when the tool does not exist, kAccessDenied when it cannot be
-    // executed, kTimedOut when it ran past the limit (KALDO_TOOL_TIMEOUT
-    // seconds, default 300) and was killed, kFailed for other start or wait
-    // failures. The tool runs with an English UTF-8 locale, with KALDO_ROOT
-    // in its environment when a machine root is set, and inherits no
-    // descriptor but its three standard streams; its standard input is
-    // /dev/null. No child is left unreaped.
+    // executed, kInvalidArgument when an argument holds U+0000 (nothing
+    // runs), kTimedOut when it ran past its time limit and was killed (out
+    // and err then hold what it printed), kTooLarge when it printed more than
+    // kToolOutputLimitBytes (both streams together) or more than memory
+    // holds and was killed, kFailed for other start or wait failures. A
+    // timed-out or runaway tool also gets a record of the library's own in
+    // the error log (code -7 or -8, ErrorRecord::detail naming the tool:
+    // "VBoxManage did not answer within 60 s"). Time limits: 60 s for a
+    // reading tool, 300 s with RunOptions::isAction; KALDO_TOOL_TIMEOUT
+    // (seconds, 0 for none) sets one limit for all. The tool runs with an
+    // English UTF-8 locale, with KALDO_ROOT in its environment when a machine
+    // root is set, and inherits no descriptor but its three standard
+    // streams; its standard input is /dev/null. No child is left unreaped.
     static int ExecuteSafeToText(const std::wstring& tool, const std::vector<std::wstring>& args,
                                  int& exitCode, std::wstring* out, std::wstring* err,
                                  std::wstring* third);
@@ -50,6 +62,9 @@ public:
         // No time limit, for a program meant to keep running (an application
         // that is opened); the call returns when it ends.
         bool noTimeLimit = false;
+        // An action that changes a VM (start, stop, suspend, a snapshot): the
+        // longer default time limit.
+        bool isAction = false;
     };
     static int ExecuteSafeToText(const std::wstring& tool, const std::vector<std::wstring>& args,
                                  int& exitCode, std::wstring* out, std::wstring* err,

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <thread>
 
 #include "KALDO/Result.h"
@@ -284,8 +285,8 @@ int ForkAs(const std::string& hostPath, const std::vector<std::string>& argv,
 }  // namespace
 
 int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
-            const std::vector<std::string>& env, bool mergeErr, double timeoutSeconds, ToolRun& run,
-            const RunAs* runAs) {
+            const std::vector<std::string>& env, bool mergeErr, const ToolLimits& limits,
+            ToolRun& run, const RunAs* runAs) {
     struct stat st {};
     if (::stat(hostPath.c_str(), &st) != 0) {
         run.diagnostic = hostPath + ": " + std::strerror(errno);
@@ -316,6 +317,7 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
     if (started != kOk) return started;
 
     using Clock = std::chrono::steady_clock;
+    const double timeoutSeconds = limits.seconds;
     const bool limited = timeoutSeconds > 0;
     const Clock::time_point deadline =
         limited ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
@@ -330,8 +332,9 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
     int status = 0;
     bool reaped = false;
     bool timedOut = false;
+    bool overflowed = false;  // printed past the output limit, or past what memory holds
     char buffer[65536];
-    for (;;) {
+    while (!overflowed) {
         pollfd fds[2];
         int count = 0;
         Stream* polled[2];
@@ -368,7 +371,17 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
             if (fds[i].revents == 0) continue;
             const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
             if (n > 0) {
-                polled[i]->text->append(buffer, static_cast<size_t>(n));
+                try {
+                    polled[i]->text->append(buffer, static_cast<size_t>(n));
+                } catch (const std::bad_alloc&) {
+                    overflowed = true;
+                    break;
+                }
+                if (limits.outputBytes > 0 &&
+                    run.out.size() + run.err.size() > limits.outputBytes) {
+                    overflowed = true;
+                    break;
+                }
             } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
                 polled[i]->fd->reset();
             }
@@ -384,7 +397,8 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
     // yield the processor (to the tool, on a machine with one core); then they
     // sleep, longer each time.
     const Clock::time_point yieldUntil = Clock::now() + std::chrono::milliseconds(2);
-    for (auto pause = std::chrono::microseconds(50); limited && !reaped && !timedOut;) {
+    for (auto pause = std::chrono::microseconds(50);
+         limited && !reaped && !timedOut && !overflowed;) {
         if (WaitFor(pid, false, status) == pid) {
             reaped = true;
         } else if (const Clock::time_point now = Clock::now(); now >= deadline) {
@@ -397,7 +411,7 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
         }
     }
 
-    if (timedOut && !reaped) {
+    if ((timedOut || overflowed) && !reaped) {
         ::kill(-pid, SIGKILL);
         ::kill(pid, SIGKILL);
     }
@@ -409,6 +423,14 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
     if (timedOut) {
         run.diagnostic = hostPath + ": killed after " + std::to_string(timeoutSeconds) + " s";
         return kTimedOut;
+    }
+    if (overflowed) {
+        // The text is no answer to read: let its memory go at once.
+        std::string().swap(run.out);
+        std::string().swap(run.err);
+        run.diagnostic = hostPath + ": killed after printing more than " +
+                         std::to_string(limits.outputBytes) + " bytes";
+        return kTooLarge;
     }
     return kOk;
 }

@@ -2,6 +2,7 @@
 // Internal to CoreUtils.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -32,17 +33,25 @@ constexpr UserSwitch PlanUserSwitch(int hostEuid, int targetUid) {
     return hostEuid == targetUid ? UserSwitch::kAlreadyThatUser : UserSwitch::kAsHost;
 }
 
+// What a tool may take before its process group is killed: seconds (<= 0:
+// no limit) and bytes of output, both streams together (0: no limit).
+struct ToolLimits {
+    double seconds = 0;
+    size_t outputBytes = 0;
+};
+
 // Runs the program at hostPath with argv (argv[0] included) and the complete
 // environment env, with standard input from /dev/null. When mergeErr is set
-// both output streams go to run.out in arrival order. timeoutSeconds <= 0
-// means no limit; past it the tool's process group is killed. With runAs the
-// child takes those groups, group id and user id (real, effective and saved)
-// before the exec; the host's own ids never change. Returns 0 when the tool
-// ran to its end, else kNotFound, kAccessDenied (also when the ids could not
-// be taken), kTimedOut or kFailed.
+// both output streams go to run.out in arrival order. Past a limit the
+// tool's process group is killed. With runAs the child takes those groups,
+// group id and user id (real, effective and saved) before the exec; the
+// host's own ids never change. Returns 0 when the tool ran to its end, else
+// kNotFound, kAccessDenied (also when the ids could not be taken),
+// kTimedOut, kTooLarge (past the output limit, or more than memory would
+// hold; the texts are then empty) or kFailed.
 int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
-            const std::vector<std::string>& env, bool mergeErr, double timeoutSeconds, ToolRun& run,
-            const RunAs* runAs = nullptr);
+            const std::vector<std::string>& env, bool mergeErr, const ToolLimits& limits,
+            ToolRun& run, const RunAs* runAs = nullptr);
 
 // True when path names a regular file that this process may execute.
 bool IsExecutableFile(const std::string& hostPath);
