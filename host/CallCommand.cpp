@@ -2,6 +2,7 @@
 #include <cctype>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,11 @@ struct CallOptions {
     CLI::Option* inputJsonOption = nullptr;
 };
 
+// How deep --in-json may nest. A method's inputs are a flat map, a VM list at
+// most one level more; the limit only keeps hostile input from exhausting
+// the stack of the steps that walk the tree.
+constexpr int kMaxInputDepth = 64;
+
 // The input tree: the --in-json object first, then each --in pair on top (a
 // key given both ways keeps its place and takes the --in value).
 KALDO::typeProperty BuildInputs(const CallOptions& options) {
@@ -28,9 +34,11 @@ KALDO::typeProperty BuildInputs(const CallOptions& options) {
     if (options.inputJsonOption->count() > 0) {
         Json json;
         try {
-            json = Json::parse(options.inputJson);
+            json = ParseJson(options.inputJson, kMaxInputDepth);
         } catch (const Json::parse_error& e) {
             throw UsageError(std::string("--in-json: not valid JSON: ") + e.what());
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(std::string("--in-json: ") + e.what());
         }
         if (!json.is_object())
             throw UsageError("--in-json: expected a JSON object of inputs, got " +
@@ -92,7 +100,9 @@ void AddCallCommand(CLI::App& app, Host& host) {
         call->add_option("--in-json", options->inputJson,
                          "Inputs as one JSON object: strings, integers, objects and arrays become "
                          "strings, integers, maps and vectors, null an empty value, true/false "
-                         "1/0; --in pairs are added on top")
+                         "1/0; nested at most " +
+                             std::to_string(kMaxInputDepth) +
+                             " levels; --in pairs are added on top")
             ->type_name("JSON");
     call->footer(CommandFooter(
         "Prints {\"result\": CODE, \"outputs\": TREE, \"errors\": [{\"code\", \"file\", "

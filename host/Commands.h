@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <stdexcept>
+#include <streambuf>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,20 +17,51 @@ namespace implvm {
 
 // Exit statuses of every command.
 enum ExitStatus : int {
-    kExitOk = 0,      // the method (or the command) answered with 0 or more
-    kExitFailed = 1,  // the method answered with a negative code
-    kExitUsage = 2,   // implvm was called wrongly or the module cannot be loaded
+    kExitOk = 0,  // the method (or the command) answered with 0 or more
+    // The command could not do its work: a method answered a negative code, a
+    // tool was killed at its time limit, or the output could not be written.
+    kExitFailed = 1,
+    kExitUsage = 2,  // implvm was called wrongly or the module cannot be loaded
 };
 
 inline constexpr const char* kExitStatusHelp =
     "Exit status: 0 when the command did its work (every method it called answered 0 or more), "
-    "1 when a method answered a negative code, 2 for a usage error (an unknown command, "
-    "option, method or VM, a missing or malformed value, an action the VM's hypervisor does "
-    "not offer, a module that cannot be loaded).";
+    "1 when it could not (a method answered a negative code, a tool hung, a file implvm reads "
+    "itself could not be read, the output could not be written), 2 for a usage error (an "
+    "unknown command, option, method or VM, a missing or malformed value, a NUL in a VM or "
+    "snapshot name, an action the VM's hypervisor does not offer, a module that cannot be "
+    "loaded).";
 
 inline int ExitStatusFor(int methodResult) {
     return methodResult >= 0 ? kExitOk : kExitFailed;
 }
+
+// Standard output for as long as implvm runs, checked. std::cout goes
+// through it; it writes to descriptor 1 and remembers why the first write
+// that failed did (a full disk, a closed stream), since the moment of the
+// failure is the only one that knows.
+//
+// Before anything else, it makes sure descriptors 0, 1 and 2 are open: a
+// file the module opens must never become implvm's standard output. A closed
+// standard output or error gets /dev/null opened for reading, so that writes
+// to it still fail as on the closed stream.
+class StandardOutput {
+public:
+    StandardOutput();
+    ~StandardOutput();  // gives std::cout its own buffer back
+    StandardOutput(const StandardOutput&) = delete;
+    StandardOutput& operator=(const StandardOutput&) = delete;
+
+    // Flushes what the command wrote. When any of it was lost, says so in one
+    // line on standard error and returns kExitFailed unless `status` already
+    // says a failure; otherwise returns `status`.
+    int finish(int status);
+
+private:
+    class Buffer;
+    std::unique_ptr<Buffer> buffer_;
+    std::streambuf* original_ = nullptr;
+};
 
 // What a method's negative result code means, in a few words ("refused by
 // the system or the hypervisor" for -4).
@@ -40,6 +72,14 @@ KALDO::typeProperty TextInputs(const std::vector<std::pair<const wchar_t*, std::
 
 // A mistake in how implvm was called: one line on standard error, status 2.
 class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A command that could not do its work for a reason no method answered (a
+// file implvm reads itself, a tool that hung): one line on standard error,
+// status 1.
+class CommandFailure : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };

@@ -1,7 +1,12 @@
 #include "Installed.h"
 
+#include <algorithm>
+#include <cwctype>
+
+#include "KALDO/CFileUtils.h"
 #include "KALDO/CSoftwareVersion.h"
 #include "KALDO/CStringUtils.h"
+#include "KALDO/Result.h"
 
 namespace implvm {
 
@@ -62,7 +67,8 @@ ProductMethods FusionMethods(int major) {
 }
 
 // VirtualBox 2 and later are read from VirtualBox.xml and showvminfo; the
-// actions, for 4 and later, name the machine the way VBoxManage takes it.
+// actions, for 4 and later, name the machine by its UUID, which VBoxManage
+// takes as readily as a name and which, unlike a name, is never shared.
 // VBoxManage's save-state is not among them, so there is no suspend.
 ProductMethods VirtualBoxMethods(int major) {
     ProductMethods m;
@@ -72,14 +78,24 @@ ProductMethods VirtualBoxMethods(int major) {
     m.network = "VirtualMachineImpl_VirtualBox2_GetVMNetwork";
     if (major < 4) return m;
     Offer(m, VmAction::kStart,
-          {"VirtualMachineImpl_VirtualBox_4_X_StartVM", nullptr, VmArgument::kMachineName});
+          {"VirtualMachineImpl_VirtualBox_4_X_StartVM", nullptr, VmArgument::kMachineUuid});
     Offer(m, VmAction::kStop,
-          {"VirtualMachineImpl_VirtualBox_4_X_StopVM", nullptr, VmArgument::kMachineName});
+          {"VirtualMachineImpl_VirtualBox_4_X_StopVM", nullptr, VmArgument::kMachineUuid});
     Offer(m, VmAction::kPause,
-          {"VirtualMachineImpl_VirtualBox_4_X_PauseVM", nullptr, VmArgument::kMachineName});
+          {"VirtualMachineImpl_VirtualBox_4_X_PauseVM", nullptr, VmArgument::kMachineUuid});
     Offer(m, VmAction::kResume,
-          {"VirtualMachineImpl_VirtualBox_4_X_ResumeVM", nullptr, VmArgument::kMachineName});
+          {"VirtualMachineImpl_VirtualBox_4_X_ResumeVM", nullptr, VmArgument::kMachineUuid});
     return m;
+}
+
+bool IsUuid(const std::wstring& text) {
+    constexpr size_t kLength = 36;  // 8-4-4-4-12 hexadecimal digits
+    if (text.size() != kLength) return false;
+    for (size_t i = 0; i < kLength; ++i) {
+        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        if (dash ? text[i] != L'-' : !std::iswxdigit(text[i])) return false;
+    }
+    return true;
 }
 
 std::string OutputText(const KALDO::typeProperty& outputs, const wchar_t* key) {
@@ -130,6 +146,32 @@ std::array<Product, 3> FindProducts(const Module& module) {
     for (size_t i = 0; i < kHypervisors.size(); ++i)
         products[i] = FindProduct(module, kHypervisors[i]);
     return products;
+}
+
+int MachineUuidOf(const std::string& settingsFile, std::string& uuid) {
+    using KALDO::CStringUtils;
+    std::wstring text;
+    const int rc =
+        KALDO::CFileUtils::ReadFromTextFile(CStringUtils::StringToWString(settingsFile), text);
+    if (rc < 0) return rc;
+    // The start tag of <Machine> alone: a later element's uuid (a disk's, a
+    // snapshot's) must never stand in for a machine's missing one.
+    for (size_t from = 0;;) {
+        size_t at = 0;
+        std::wstring tag =
+            CStringUtils::ExtractStringBetweenEnhance(text, L"<Machine", L">", from, &at);
+        if (at == std::wstring::npos) return KALDO::kFailed;
+        from = at + tag.size();
+        if (tag.empty() || !std::iswspace(tag.front())) continue;  // <MachineEntry ...>
+        std::replace_if(
+            tag.begin(), tag.end(), [](wchar_t c) { return std::iswspace(c) != 0; }, L' ');
+        std::wstring value = CStringUtils::ExtractStringBetween(tag, L" uuid=\"", L"\"");
+        if (value.size() == 38 && value.front() == L'{' && value.back() == L'}')
+            value = value.substr(1, 36);
+        if (!IsUuid(value)) return KALDO::kFailed;
+        uuid = CStringUtils::WStringToString(value);
+        return 0;
+    }
 }
 
 std::string ConfigFileOf(const std::string& bundle) {

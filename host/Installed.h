@@ -36,9 +36,11 @@ const ProductFacts& FactsOf(Hypervisor hypervisor);
 // What a VM action method wants under "Name", made from the VM identifier
 // that the product's enumeration lists.
 enum class VmArgument {
-    kIdentifier,   // the identifier as listed
-    kConfigFile,   // the configuration file inside the listed bundle (ConfigFileOf)
-    kMachineName,  // the machine's name as its description gives it (or its UUID)
+    kIdentifier,  // the identifier as listed
+    kConfigFile,  // the configuration file inside the listed bundle (ConfigFileOf)
+    // The machine's UUID from the listed settings file (MachineUuidOf): a
+    // name may belong to several machines, a UUID to one.
+    kMachineUuid,
 };
 
 // The method that performs one action, or none (a null method) when the
@@ -105,5 +107,12 @@ std::array<Product, 3> FindProducts(const Module& module);
 
 // "<bundle>/config.pvs" for a Parallels VM bundle (a trailing "/" allowed).
 std::string ConfigFileOf(const std::string& bundle);
+
+// The UUID of the VirtualBox machine whose settings file (a .vbox path as
+// the Mac sees it) this is: the uuid attribute of its <Machine> element,
+// without braces ("bc31c968-bbb2-4bea-b045-321f9f32e056"). Returns 0, the
+// support library's code when the file cannot be read, or KALDO::kFailed
+// when it holds no <Machine> element with a well-formed UUID.
+int MachineUuidOf(const std::string& settingsFile, std::string& uuid);
 
 }  // namespace implvm

@@ -14,6 +14,7 @@
 #include "Commands.h"
 #include "Installed.h"
 #include "KALDO/CStringUtils.h"
+#include "TerminalText.h"
 
 namespace implvm {
 
@@ -43,20 +44,43 @@ private:
     bool shown_ = false;
 };
 
+// One pass over the Mac. A hypervisor whose tool hung once is asked nothing
+// more in the pass: its other VMs would most likely hang the same way, each
+// for the whole time limit, and hold up everything after them.
+struct Pass {
+    const Module& module;
+    Progress& progress;
+    bool toolTimedOut = false;  // some tool was killed at its time limit
+};
+
 // {"method", "result", "outputs", "errors"}: a call as `implvm call` prints
-// it, with the method's name in front.
-Json MethodCall(const Module& module, const char* method, const KALDO::typeProperty& inputs,
-                const std::string& version) {
+// it, with the method's name in front. `timedOut` gets the support library's
+// word on a tool it killed at its time limit, "" when none.
+Json MethodCall(Pass& pass, const char* method, const KALDO::typeProperty& inputs,
+                const std::string& version, std::string& timedOut) {
+    const CallOutcome outcome = pass.module.call(method, inputs, version);
+    timedOut = TimedOutTool(outcome);
+    pass.toolTimedOut = pass.toolTimedOut || !timedOut.empty();
     Json call = {{"method", method}};
-    call.update(OutcomeToJson(module.call(method, inputs, version)));
+    call.update(OutcomeToJson(outcome));
     return call;
+}
+
+Json MethodCall(Pass& pass, const char* method, const KALDO::typeProperty& inputs,
+                const std::string& version) {
+    std::string timedOut;
+    return MethodCall(pass, method, inputs, version, timedOut);
+}
+
+Json NullableText(const std::string& text) {
+    return text.empty() ? Json(nullptr) : Json(text);
 }
 
 Json NullableText(const char* text) {
     return text != nullptr ? Json(text) : Json(nullptr);
 }
 
-Json HypervisorSection(const Module& module, const Product& product, Progress& progress) {
+Json HypervisorSection(Pass& pass, const Product& product) {
     const ProductFacts& facts = product.facts();
     Json section = {
         {"name", facts.name},
@@ -73,47 +97,56 @@ Json HypervisorSection(const Module& module, const Product& product, Progress& p
           {"network", NullableText(product.methods.network)}}},
         {"enumeration", nullptr},
         {"vms", Json::array()},
+        {"toolTimedOut", nullptr},
     };
     section["productVersion"].update(OutcomeToJson(product.versionCall));
     if (!product.served()) return section;
 
-    progress.show(std::string("implvm inventory: listing the ") + facts.name + " VMs");
-    const KALDO::typeProperty noInputs;
-    section["enumeration"] =
-        MethodCall(module, product.methods.enumerate, noInputs, product.version);
+    pass.progress.show(std::string("implvm inventory: listing the ") + facts.name + " VMs");
+    std::string timedOut;
+    section["enumeration"] = MethodCall(pass, product.methods.enumerate, KALDO::typeProperty(),
+                                        product.version, timedOut);
     const Json& listed = section["enumeration"]["outputs"];
-    if (!listed.is_object() || !listed.contains("VMs") || !listed["VMs"].is_array()) return section;
-
-    Json& vms = section["vms"];
-    const size_t count = listed["VMs"].size();
-    for (const Json& id : listed["VMs"]) {
-        if (!id.is_string()) continue;
-        progress.show(std::string("implvm inventory: ") + facts.name + ", VM " +
-                      std::to_string(vms.size() + 1) + " of " + std::to_string(count));
-        const KALDO::typeProperty inputs = TextInputs({{L"Name", id.get<std::string>()}});
-        vms.push_back(
-            {{"id", id},
-             {"info", MethodCall(module, product.methods.info, inputs, product.version)},
-             {"network", MethodCall(module, product.methods.network, inputs, product.version)}});
+    if (listed.is_object() && listed.contains("VMs") && listed["VMs"].is_array()) {
+        Json& vms = section["vms"];
+        const size_t count = listed["VMs"].size();
+        for (const Json& id : listed["VMs"]) {
+            if (!id.is_string()) continue;
+            Json vm = {{"id", id}, {"info", nullptr}, {"network", nullptr}, {"notAsked", nullptr}};
+            pass.progress.show(std::string("implvm inventory: ") + facts.name + ", VM " +
+                               std::to_string(vms.size() + 1) + " of " + std::to_string(count));
+            const KALDO::typeProperty inputs = TextInputs({{L"Name", id.get<std::string>()}});
+            for (const auto& [key, method] :
+                 {std::pair{"info", product.methods.info}, {"network", product.methods.network}}) {
+                if (!timedOut.empty()) break;
+                vm[key] = MethodCall(pass, method, inputs, product.version, timedOut);
+            }
+            if (vm["network"].is_null()) vm["notAsked"] = timedOut;
+            vms.push_back(std::move(vm));
+        }
     }
+    section["toolTimedOut"] = NullableText(timedOut);
     return section;
 }
 
-Json TakeInventory(const Module& module) {
+// The whole inventory; `toolTimedOut` tells whether some tool was killed at
+// its time limit on the way.
+Json TakeInventory(const Module& module, bool& toolTimedOut) {
     Progress progress;
+    Pass pass{module, progress};
     progress.show("implvm inventory: looking for hypervisors");
     const std::array<Product, 3> products = FindProducts(module);
     Json hypervisors = Json::object();
     for (const Product& product : products)
-        hypervisors[product.facts().key] = HypervisorSection(module, product, progress);
+        hypervisors[product.facts().key] = HypervisorSection(pass, product);
 
     progress.show("implvm inventory: checking whether this Mac is a virtual machine");
     const KALDO::typeProperty noInputs;
     Json checks = {
-        {"hardware",
-         MethodCall(module, "VirtualMachineImpl_Common_IsMachineVirtual", noInputs, "")},
-        {"network", MethodCall(module, "ImplVm_Common_IsMachineVirtual", noInputs, "")},
+        {"hardware", MethodCall(pass, "VirtualMachineImpl_Common_IsMachineVirtual", noInputs, "")},
+        {"network", MethodCall(pass, "ImplVm_Common_IsMachineVirtual", noInputs, "")},
     };
+    toolTimedOut = pass.toolTimedOut;
     return {{"hypervisors", std::move(hypervisors)}, {"host", std::move(checks)}};
 }
 
@@ -142,7 +175,9 @@ std::string Stem(const std::string& path) {
     return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
-// "GetVMInfo answered -1 (-1 at ImplVirtualMachine_VmWare.cpp:412)"
+// "GetVMInfo answered -1 (-1 at ImplVirtualMachine_VmWare.cpp:412)"; a
+// record that explains itself ("VBoxManage did not answer within 60 s")
+// shows that text instead of where it was made.
 std::string Failure(const Json& call) {
     const std::string method = Text(call, "method");
     std::string text = method.substr(method.find_last_of('_') + 1) + " answered " +
@@ -150,9 +185,11 @@ std::string Failure(const Json& call) {
     std::string records;
     for (const Json& record : call["errors"]) {
         records += records.empty() ? " (" : "; ";
-        records += std::to_string(Integer(record, "code", 0)) + " at " +
-                   FileName(Text(record, "file")) + ":" +
-                   std::to_string(Integer(record, "line", 0));
+        const std::string detail = Text(record, "detail");
+        records += !detail.empty() ? detail
+                                   : std::to_string(Integer(record, "code", 0)) + " at " +
+                                         FileName(Text(record, "file")) + ":" +
+                                         std::to_string(Integer(record, "line", 0));
     }
     return text + records + (records.empty() ? "" : ")");
 }
@@ -229,40 +266,51 @@ Row VmRow(const Json& vm) {
     const std::string id = Text(vm, "id");
     const Json& info = vm["info"];
     const Json& network = vm["network"];
+    if (info.is_null()) return {{Stem(id), "not asked: " + Text(vm, "notAsked"), id}};
     if (Failed(info)) {
         // Both methods read the same description, so they mostly fail alike:
         // the network call is named only when its code differs.
         std::string failure = "failed: " + Failure(info);
-        if (Failed(network) && network["result"] != info["result"])
+        if (!network.is_null() && Failed(network) && network["result"] != info["result"])
             failure += "; " + Failure(network);
         return {{Stem(id), failure, id}};
     }
     const Json& out = info["outputs"];
     return {{Text(out, "UserFriendlyName"), GuestText(out.value("OS", Json())),
              StateWord(Integer(out, "State", 0)),
-             Failed(network) ? "failed: " + Failure(network)
-                             : AdaptersText(network["outputs"].value("Networks", Json())),
+             network.is_null() ? "not asked: " + Text(vm, "notAsked")
+             : Failed(network) ? "failed: " + Failure(network)
+                               : AdaptersText(network["outputs"].value("Networks", Json())),
              id}};
 }
 
-// Characters, not bytes: names are UTF-8 and often not ASCII.
-size_t Width(const std::string& text) {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    }));
+// The cells as a terminal shows them: escaped, and cut where they would
+// widen a column. The VM is never cut, since it is what the VM commands
+// take, and nor is a failure text; neither widens a column for other rows.
+Row Shown(const Row& row) {
+    Row shown;
+    for (size_t c = 0; c < row.cells.size(); ++c) {
+        const bool whole = c + 1 == row.cells.size() || (row.spanning() && c == 1);
+        shown.cells.push_back(
+            Printable(row.cells[c], whole ? std::string_view::npos : kMaxCellColumns));
+    }
+    return shown;
 }
 
-// Columns padded to their widest cell. A failure text runs on over the
-// guest, state and adapter columns and may push that one row's VM further
-// right, rather than widening the table for every row.
-void PrintTable(std::ostream& out, const std::vector<Row>& rows) {
+// Columns padded to their widest cell, counted in terminal columns. A
+// failure text runs on over the guest, state and adapter columns and may
+// push that one row's VM further right, rather than widening the table for
+// every row.
+void PrintTable(std::ostream& out, const std::vector<Row>& given) {
     constexpr size_t kGap = 2;
+    std::vector<Row> rows;
+    for (const Row& row : given) rows.push_back(Shown(row));
     std::vector<size_t> widths(5, 0);
     for (const Row& row : rows) {
         for (size_t c = 0; c < row.cells.size(); ++c) {
             const size_t column = row.spanning() && c == 2 ? 4 : c;
             if (!(row.spanning() && c == 1))
-                widths[column] = std::max(widths[column], Width(row.cells[c]));
+                widths[column] = std::max(widths[column], DisplayWidth(row.cells[c]));
         }
     }
     for (const Row& row : rows) {
@@ -273,7 +321,7 @@ void PrintTable(std::ostream& out, const std::vector<Row>& rows) {
             if (c + 1 == row.cells.size()) break;
             const size_t width =
                 row.spanning() && c == 1 ? widths[1] + widths[2] + widths[3] + 2 * kGap : widths[c];
-            line.append(width - std::min(width, Width(cell)) + kGap, ' ');
+            line.append(width - std::min(width, DisplayWidth(cell)) + kGap, ' ');
         }
         out << line << '\n';
     }
@@ -286,7 +334,8 @@ void PrintSection(std::ostream& out, const Json& section) {
             << Text(section, "bundleId") << ")\n";
         return;
     }
-    out << name << ' ' << Text(section, "version") << "  " << Text(section, "appPath") << '\n';
+    out << name << ' ' << Printable(Text(section, "version")) << "  "
+        << Printable(Text(section, "appPath")) << '\n';
     if (!section["served"].get<bool>()) {
         out << "  the module serves " << name << ' ' << Integer(section, "oldestServed", 0)
             << " and later only\n";
@@ -294,12 +343,12 @@ void PrintSection(std::ostream& out, const Json& section) {
     }
     const Json& enumeration = section["enumeration"];
     if (Failed(enumeration)) {
-        out << "  the VMs could not be listed: " << Failure(enumeration) << '\n';
+        out << "  the VMs could not be listed: " << Printable(Failure(enumeration)) << '\n';
         return;
     }
     if (section["vms"].empty()) {
         out << "  no VMs";
-        if (!enumeration["errors"].empty()) out << " (" << Failure(enumeration) << ')';
+        if (!enumeration["errors"].empty()) out << " (" << Printable(Failure(enumeration)) << ')';
         out << '\n';
         return;
     }
@@ -331,8 +380,8 @@ void PrintInventory(std::ostream& out, const Json& inventory) {
     }
     const Json& checks = inventory["host"];
     out << "This Mac\n"
-        << "  by its hardware profile:   " << Verdict(checks["hardware"]) << '\n'
-        << "  by its network addresses:  " << Verdict(checks["network"]) << '\n';
+        << "  by its hardware profile:   " << Printable(Verdict(checks["hardware"])) << '\n'
+        << "  by its network addresses:  " << Printable(Verdict(checks["network"])) << '\n';
 }
 
 }  // namespace
@@ -351,20 +400,27 @@ void AddInventoryCommand(CLI::App& app, Host& host) {
         "fit its version list and describe its VMs. A row per VM: name, guest OS, state, "
         "adapters, and the VM identifier that the VM commands take. A VM that cannot be "
         "described shows the failing method's code and error records in its row, and the "
-        "inventory goes on. Then the two host checks' verdicts. While it works, a progress "
-        "line is shown on standard error when that is a terminal.\n\n"
+        "inventory goes on. Once a hypervisor's tool is killed at its time limit, that "
+        "hypervisor is asked nothing more: its remaining VMs say \"not asked\" and why. Then "
+        "the two host checks' verdicts. Control characters in names and paths are shown "
+        "escaped (\\e, \\r, \\x00, ...) and long cells are cut with an ellipsis; --json keeps "
+        "everything whole. While it works, a progress line is shown on standard error when "
+        "that is a terminal.\n\n"
         "Examples:\n"
         "  implvm inventory\n"
         "  implvm --root examples/demo-mac inventory --json",
         "Exit status: 0 when the inventory ran to the end, also where methods answered negative "
-        "codes (those are in its output); 2 for a usage error or a module that cannot be "
-        "loaded."));
+        "codes (those are in its output); 1 when a tool was killed at its time limit (the rest "
+        "of the inventory is complete) or the output could not be written; 2 for a usage error "
+        "or a module that cannot be loaded."));
     inventory->callback([json, &host] {
-        const Json document = TakeInventory(host.module());
+        bool toolTimedOut = false;
+        const Json document = TakeInventory(host.module(), toolTimedOut);
         if (*json)
             std::cout << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
         else
             PrintInventory(std::cout, document);
+        host.setExitStatus(toolTimedOut ? kExitFailed : kExitOk);
     });
 }
 

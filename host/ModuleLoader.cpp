@@ -13,6 +13,7 @@
 #include "ElfSymbols.h"
 #include "KALDO/CSoftwareVersion.h"
 #include "KALDO/CStringUtils.h"
+#include "KALDO/Result.h"
 #include "MethodNames.h"
 
 namespace implvm {
@@ -79,12 +80,23 @@ private:
 
 }  // namespace
 
+std::string TimedOutTool(const CallOutcome& outcome) {
+    for (const KALDO::ErrorRecord& record : outcome.errors)
+        if (record.code == KALDO::kTimedOut && !record.detail.empty())
+            return KALDO::CStringUtils::WStringToString(record.detail);
+    return "";
+}
+
 Json ErrorsToJson(const std::vector<KALDO::ErrorRecord>& errors) {
     Json list = Json::array();
-    for (const KALDO::ErrorRecord& record : errors)
-        list.push_back({{"code", record.code},
-                        {"file", KALDO::CStringUtils::WStringToString(record.file)},
-                        {"line", record.line}});
+    for (const KALDO::ErrorRecord& record : errors) {
+        Json entry = {{"code", record.code},
+                      {"file", KALDO::CStringUtils::WStringToString(record.file)},
+                      {"line", record.line}};
+        if (!record.detail.empty())
+            entry["detail"] = KALDO::CStringUtils::WStringToString(record.detail);
+        list.push_back(std::move(entry));
+    }
     return list;
 }
 

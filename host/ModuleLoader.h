@@ -28,6 +28,11 @@ struct CallOutcome {
     std::vector<KALDO::ErrorRecord> errors;  // the records this call added, oldest first
 };
 
+// The support library's own word on a tool it killed at its time limit
+// during the call ("VBoxManage did not answer within 60 s"); "" when it
+// killed none. The module's records say only that the call failed.
+std::string TimedOutTool(const CallOutcome& outcome);
+
 // {"result": int, "outputs": tree, "errors": [{"code", "file", "line"}, ...]}
 Json OutcomeToJson(const CallOutcome& outcome);
 Json ErrorsToJson(const std::vector<KALDO::ErrorRecord>& errors);

@@ -63,4 +63,16 @@ typeProperty JsonToTree(const Json& json) {
     return tree;
 }
 
+Json ParseJson(const std::string& text, int maxDepth) {
+    const auto limit = [maxDepth](int depth, Json::parse_event_t event, Json&) {
+        const bool opens =
+            event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start;
+        if (opens && depth >= maxDepth)
+            throw std::invalid_argument("objects and arrays nested deeper than " +
+                                        std::to_string(maxDepth) + " levels");
+        return true;
+    };
+    return Json::parse(text, limit);
+}
+
 }  // namespace implvm

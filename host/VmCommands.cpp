@@ -11,6 +11,8 @@
 #include "Commands.h"
 #include "Installed.h"
 #include "KALDO/CStringUtils.h"
+#include "KALDO/Result.h"
+#include "TerminalText.h"
 
 namespace implvm {
 
@@ -51,8 +53,7 @@ struct VmOptions {
 // One VM of one installed product, as the user named it.
 struct FoundVm {
     const Product* product = nullptr;
-    std::string identifier;   // as the product's enumeration lists it
-    std::string machineName;  // VirtualBox only: known when the user gave the name
+    std::string identifier;  // as the product's enumeration lists it
 };
 
 std::string Narrow(const std::wstring& text) {
@@ -60,7 +61,7 @@ std::string Narrow(const std::wstring& text) {
 }
 
 std::string ProductText(const Product& product) {
-    return std::string(product.facts().name) + " " + product.version;
+    return std::string(product.facts().name) + " " + Printable(product.version);
 }
 
 std::vector<std::string> ListedVms(const Module& module, const Product& product) {
@@ -107,7 +108,7 @@ FoundVm FindVm(const Module& module, const std::array<Product, 3>& products,
         for (const std::string& id : listed.back().second) {
             const bool isConfigFile =
                 product.hypervisor == Hypervisor::kParallels && ConfigFileOf(id) == wanted;
-            if (WithoutTrailingSlash(id) == wanted || isConfigFile) return {&product, id, ""};
+            if (WithoutTrailingSlash(id) == wanted || isConfigFile) return {&product, id};
         }
     }
     std::vector<FoundVm> named;
@@ -115,8 +116,13 @@ FoundVm FindVm(const Module& module, const std::array<Product, 3>& products,
         if (product->hypervisor != Hypervisor::kVirtualBox) continue;
         for (const std::string& id : ids) {
             std::string name;
-            Describe(module, *product, id, name);
-            if (name == given) named.push_back({product, id, given});
+            // A tool that hung once would hang for every machine left, each
+            // for the whole time limit; and a name unread may be the one.
+            const std::string timedOut = TimedOutTool(Describe(module, *product, id, name));
+            if (!timedOut.empty())
+                throw CommandFailure(given + ": the names of the " + ProductText(*product) +
+                                     " machines cannot be read: " + timedOut);
+            if (name == given) named.push_back({product, id});
         }
     }
     if (named.size() == 1) return named.front();
@@ -154,7 +160,30 @@ std::string OfferedCommands(const Product& product) {
     return offered.empty() ? "none" : offered;
 }
 
+// A NUL would end the text early where a tool gets it, so the tool would act
+// on another VM or snapshot than the one named; such text never gets that far.
+void RefuseNul(const char* what, const std::string& text) {
+    if (text.find('\0') != std::string::npos)
+        throw UsageError(std::string(what) + " '" + Printable(text) +
+                         "' holds a NUL character (U+0000), which no tool can be given");
+}
+
+// The VirtualBox machine's UUID from its settings file. There is no falling
+// back on the name: that could act on another machine of the same name.
+std::string MachineUuid(const FoundVm& vm, const std::string& given, const char* verb) {
+    std::string uuid;
+    const int rc = MachineUuidOf(vm.identifier, uuid);
+    if (rc >= 0) return uuid;
+    throw CommandFailure(
+        given + ": could not " + verb + ": the machine's UUID cannot be read: " +
+        (rc == KALDO::kFailed
+             ? "its settings file " + vm.identifier + " names none"
+             : "its settings file " + vm.identifier + " cannot be read (" + CodeMeaning(rc) + ")"));
+}
+
 void RunAction(const ActionFacts& facts, const VmOptions& options, Host& host) {
+    RefuseNul("VM", options.vm);
+    if (facts.needsSnapshotName) RefuseNul("NAME", options.snapshot);
     const Module& module = host.module();
     const std::array<Product, 3> products = FindProducts(module);
     const FoundVm vm = FindVm(module, products, options.vm);
@@ -164,42 +193,40 @@ void RunAction(const ActionFacts& facts, const VmOptions& options, Host& host) {
         throw UsageError(ProductText(product) + " cannot " + facts.verb +
                          ": the module's methods for its VMs offer " + OfferedCommands(product));
 
-    const std::string named = facts.needsSnapshotName ? " \"" + options.snapshot + "\"" : "";
-    // One line on standard error for a method that failed, this one or the
-    // description that had to name the VM first; the status says it too.
-    const auto failed = [&](const char* methodName, const CallOutcome& outcome) {
-        host.setExitStatus(ExitStatusFor(outcome.result));
-        if (outcome.result >= 0) return false;
-        std::cerr << "implvm: " << options.vm << ": could not " << facts.verb << named << ": "
-                  << CodeMeaning(outcome.result) << " (" << ProductText(product) << ", "
-                  << methodName << " answered " << outcome.result << ")\n";
-        return true;
-    };
+    // What the user typed and what the VM's files hold, as a terminal shows it.
+    const std::string shownVm = Printable(options.vm);
+    const std::string named =
+        facts.needsSnapshotName ? " \"" + Printable(options.snapshot) + "\"" : "";
 
     std::string argument = vm.identifier;
     if (method.argument == VmArgument::kConfigFile) argument = ConfigFileOf(vm.identifier);
-    if (method.argument == VmArgument::kMachineName) {
-        argument = vm.machineName;
-        if (argument.empty() &&
-            failed(product.methods.info, Describe(module, product, vm.identifier, argument)))
-            return;
-    }
+    if (method.argument == VmArgument::kMachineUuid)
+        argument = MachineUuid(vm, options.vm, facts.verb);
     std::vector<std::pair<const wchar_t*, std::string>> pairs = {{L"Name", argument}};
     if (method.command != nullptr) pairs.emplace_back(L"COMMAND", method.command);
     if (facts.needsSnapshotName) pairs.emplace_back(L"Snapshot", options.snapshot);
     const CallOutcome outcome = module.call(method.method, TextInputs(pairs), product.version);
-    if (failed(method.method, outcome)) return;
+    host.setExitStatus(ExitStatusFor(outcome.result));
+    if (outcome.result < 0) {
+        // One line on standard error; the status says it too.
+        const std::string timedOut = TimedOutTool(outcome);
+        std::cerr << "implvm: " << shownVm << ": could not " << facts.verb << named << ": "
+                  << CodeMeaning(outcome.result) << " (" << ProductText(product) << ", "
+                  << method.method << " answered " << outcome.result
+                  << (timedOut.empty() ? "" : "; " + Printable(timedOut)) << ")\n";
+        return;
+    }
 
     const std::string how = " (" + ProductText(product) + ", " + method.method + " answered " +
                             std::to_string(outcome.result) + ")";
     if (facts.action != VmAction::kSnapshotList) {
-        std::cout << options.vm << ": " << facts.done << named << how << '\n';
+        std::cout << shownVm << ": " << facts.done << named << how << '\n';
         return;
     }
     const std::vector<std::string> names = SnapshotNames(outcome.outputs);
-    std::cout << options.vm << ": " << names.size()
-              << (names.size() == 1 ? " snapshot" : " snapshots") << how << '\n';
-    for (const std::string& name : names) std::cout << "  " << name << '\n';
+    std::cout << shownVm << ": " << names.size() << (names.size() == 1 ? " snapshot" : " snapshots")
+              << how << '\n';
+    for (const std::string& name : names) std::cout << "  " << Printable(name) << '\n';
 }
 
 constexpr const char* kVmHelp =

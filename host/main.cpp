@@ -5,8 +5,10 @@
 #include <memory>
 
 #include "Commands.h"
+#include "TerminalText.h"
 
 int main(int argc, char** argv) {
+    implvm::StandardOutput output;
     implvm::Host host(argc > 0 ? argv[0] : nullptr);
 
     CLI::App app{
@@ -55,18 +57,24 @@ int main(int argc, char** argv) {
                            "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs\n\n") +
                implvm::kExitStatusHelp);
 
+    // Messages quote what the user typed and what the Mac's files hold, so
+    // they are made printable, which also keeps each on one line.
     try {
         app.parse(argc, argv);
         if (app.get_subcommands().empty())
             throw implvm::UsageError("a command is required (see implvm --help)");
     } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
-        std::cerr << "implvm: " << e.what() << " (see implvm --help)\n";
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
+            return output.finish(app.exit(e));
+        std::cerr << "implvm: " << implvm::Printable(e.what()) << " (see implvm --help)\n";
         return implvm::kExitUsage;
+    } catch (const implvm::CommandFailure& e) {
+        std::cerr << "implvm: " << implvm::Printable(e.what()) << '\n';
+        return output.finish(implvm::kExitFailed);
     } catch (const std::exception& e) {
         // UsageError, ModuleError, or a failure outside any method call.
-        std::cerr << "implvm: " << e.what() << '\n';
-        return implvm::kExitUsage;
+        std::cerr << "implvm: " << implvm::Printable(e.what()) << '\n';
+        return output.finish(implvm::kExitUsage);
     }
-    return host.exitStatus();
+    return output.finish(host.exitStatus());
 }

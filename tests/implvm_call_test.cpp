@@ -64,6 +64,75 @@ TEST(ImplvmCall, MistakesGiveOneLineOnStandardErrorAndStatusTwo) {
     }
 }
 
+// Only the outer object and 63 arrays fit. Deeper input is refused before
+// anything walks it: 30,000 levels would overflow the stack of any step that
+// recurses.
+TEST(ImplvmCall, InputsNestedTooDeepAreAUsageError) {
+    const std::pair<size_t, int> rows[] = {{63, 0}, {64, 2}, {30000, 2}};  // arrays, status
+    for (const auto& [arrays, status] : rows) {
+        const std::string nested = std::string(arrays, '[') + std::string(arrays, ']');
+        const auto r = Implvm({"call", "VirtualMachineImpl_Common_GetHypervisorType", "--in-json",
+                               R"({"HYPER_TYPE": "2", "deep": )" + nested + "}"});
+        EXPECT_EQ(r.exitCode, status) << arrays;
+        if (status == 0) continue;
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, "implvm: --in-json: objects and arrays nested deeper than 64 levels\n");
+    }
+}
+
+// A NUL in a VM named through --in-json reaches no tool: the support library
+// refuses the argument, and the module answers -1 with its record.
+TEST(ImplvmCall, ANulInAVmNameReachesNoTool) {
+    implvm_test::TestMachine mac;
+    mac.setConsoleUser("ann", 501, "/Users/ann");
+    const std::pair<std::string, std::string> rows[] = {
+        {"VirtualMachineImpl_VmWareFusion1_StartVM",
+         "/Applications/VMware Fusion.app/Contents/Library/vmrun"},
+        {"VirtualMachineImpl_VirtualBox_4_X_StopVM",
+         "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage"},
+    };
+    for (const auto& [method, tool] : rows) {
+        implvm_test::FakeTool& fake = mac.installTool(tool);
+        const auto r = Implvm({"--root", mac.root(), "call", method, "--in-json",
+                               R"({"Name": "/Users/ann/a\u0000b.vmx"})"});
+        const Json doc = Json::parse(r.out);
+        EXPECT_EQ(doc["result"], -1) << method;
+        EXPECT_FALSE(doc["errors"].empty()) << method;
+        EXPECT_EQ(r.exitCode, 1);
+        EXPECT_TRUE(fake.invocations().empty()) << method;
+    }
+}
+
+// Output that cannot be written is a failure, said once on standard error,
+// whichever command wrote it; a full disk and a closed stream alike.
+TEST(ImplvmOutput, UnwritableOutputFailsTheCommand) {
+    implvm_test::TestMachine mac;
+    mac.copyDemoMac();
+    const std::string vm =
+        "/Users/robin/Virtual Machines.localized/Windows 7 x64.vmwarevm/Windows 7 x64.vmx";
+    const Args commands[] = {
+        {"inventory"},
+        {"inventory", "--json"},
+        {"call", "VirtualMachineImpl_Common_GetHypervisorType", "--in", "HYPER_TYPE=2"},
+        {"methods"},
+        {"snapshot", "list", vm},
+        {"--help"},
+    };
+    const std::pair<std::string, std::string> outputs[] = {{"/dev/full", "No space left on device"},
+                                                           {"", "Bad file descriptor"}};
+    for (const Args& command : commands) {
+        for (const auto& [path, reason] : outputs) {
+            Args argv = {IMPLVM_BIN, "--root", mac.root()};
+            argv.insert(argv.end(), command.begin(), command.end());
+            const auto r = implvm_test::RunProcessWithStdout(
+                argv, path, {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}});
+            EXPECT_EQ(r.exitCode, 1) << command[0] << " > " << path;
+            EXPECT_EQ(r.err, "implvm: cannot write to standard output: " + reason + "\n")
+                << command[0];
+        }
+    }
+}
+
 // A failpoint given on the command line fails the module's own step, and the
 // record names where.
 TEST(ImplvmCall, FailpointsReachTheModule) {
@@ -104,7 +173,7 @@ std::string Summary(const implvm::ProductMethods& m) {
     };
     const implvm::ActionMethod &start = m.action(implvm::VmAction::kStart),
                                &stop = m.action(implvm::VmAction::kStop);
-    const char* arguments[] = {"(id)", "(config)", "(name)"};
+    const char* arguments[] = {"(id)", "(config)", "(uuid)"};
     return name(m.enumerate) + " " + name(start.method) +
            (start ? arguments[static_cast<int>(start.argument)] : "") + " " +
            (stop ? (stop.command != nullptr ? stop.command : "\"\"") : "-") + " " +
@@ -125,7 +194,7 @@ TEST(Installed, ProductVersionsPickTheMethodsWrittenForThem) {
         {f, "5.0.0", "VmWareFusion_5x_EnumerateVMs VmWareFusion1_StartVM(id) \"\" - VmWareFusion4_AddSnapshot"},
         {v, "1.6.6", "- - - - -"},
         {v, "3.2.28", "VirtualBox2_EnumerateVMs - - - -"},
-        {v, "4.3.12", "VirtualBox2_EnumerateVMs VirtualBox_4_X_StartVM(name) \"\" VirtualBox_4_X_PauseVM -"},
+        {v, "4.3.12", "VirtualBox2_EnumerateVMs VirtualBox_4_X_StartVM(uuid) \"\" VirtualBox_4_X_PauseVM -"},
         // clang-format on
     };
     for (const auto& [hypervisor, version, methods] : rows) {

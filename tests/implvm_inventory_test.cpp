@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <set>
+#include <sstream>
 
 #include "TestMachine.h"
 
@@ -82,7 +83,8 @@ TEST(ImplvmInventory, DescribesEveryVmOfEveryInstalledHypervisor) {
   "info": {"method": "VirtualMachineImpl_VmWareFusion1_GetVMInfo", "result": -1, "outputs": null,
            "errors": [{"code": -1, "file": "ImplVirtualMachine_VmWare.cpp"}]},
   "network": {"method": "VirtualMachineImpl_VmWareFusion1_GetVMNetwork", "result": -1,
-              "outputs": null, "errors": [{"code": -1, "file": "ImplVirtualMachine_VmWare.cpp"}]}},
+              "outputs": null, "errors": [{"code": -1, "file": "ImplVirtualMachine_VmWare.cpp"}]},
+  "notAsked": null},
  {"id": "/Users/robin/Parallels/Windows Server 2008.pvm",
   "info": {"method": "VirtualMachineImpl_Parallels4_GetVMInfo", "result": 0,
            "outputs": {"UserFriendlyName": "Windows Server 2008",
@@ -92,7 +94,8 @@ TEST(ImplvmInventory, DescribesEveryVmOfEveryInstalledHypervisor) {
               "outputs": {"Networks": [
     {"Name": "Network Adapter 1", "Type": 2, "IsConnected": 1, "MacAddress": ""},
     {"Name": "Network Adapter 2", "Type": 3, "IsConnected": 0, "MacAddress": ""}]},
-              "errors": []}},
+              "errors": []},
+  "notAsked": null},
  {"hardware": {"method": "VirtualMachineImpl_Common_IsMachineVirtual", "result": 0,
                "outputs": {"IsMachineVirtual": 0}, "errors": []},
   "network": {"method": "ImplVm_Common_IsMachineVirtual", "result": 0,
@@ -130,13 +133,150 @@ TEST(ImplvmInventory, ProductsTooOldOrNotInstalled) {
         "served": false, "oldestServed": 1, "productVersion": {"method":
         "VirtualMachineImpl_Common_GetProductVersion", "result": -2, "outputs": null, "errors":
         [{"code": -2, "file": "ImplVirtualMachine_Common.cpp"}]}, "methods": {"enumerate": null,
-        "info": null, "network": null}, "enumeration": null, "vms": []})"));
+        "info": null, "network": null}, "enumeration": null, "vms": [], "toolTimedOut": null})"));
     EXPECT_EQ(doc["hypervisors"]["virtualbox"]["vms"].size(), 4u);
 
     ExpectLines(human, {"Parallels Desktop 3.0.5584  /Applications/Parallels Desktop.app\n"
                         "  the module serves Parallels Desktop 4 and later only\n",
                         "\nVMware Fusion: not installed (no application with bundle identifier "
                         "com.vmware.fusion)\n\nVirtualBox 7.0.14"});
+}
+
+// Names and paths are the Mac's, not ours: a terminal must show their control
+// characters, never obey them, and one long name must not widen every row.
+// The JSON form keeps them whole.
+TEST(ImplvmInventory, NamesAndPathsReachTheTerminalEscapedAndCut) {
+    TestMachine mac;
+    mac.copyDemoMac();
+    const std::string xp = kPvm + "Windows\x1b[2JXP.pvm";
+    fs::rename(mac.hostPath(kPvm + "Windows XP.pvm"), mac.hostPath(xp));
+    const std::string list = "/Library/Preferences/Parallels/vmdirectorylist.desktop.xml";
+    std::string dirs = mac.readFile(list);
+    dirs.replace(dirs.find(kPvm + "Windows XP.pvm"), (kPvm + "Windows XP.pvm").size(), xp);
+    mac.writeFile(list, dirs);
+    const std::pair<std::string, std::string> names[] = {
+        // bundle, VM name
+        {xp, "\x1b[31mred\x1b[0m\x1b]0;t\x07"},
+        {kPvm + "Windows Server 2008.pvm", std::string("two\rlines\0nul\x7f\xc2\x9b!", 17)},
+        {kPvm + "Ubuntu 22.04.pvm", std::string(5000, 'n')},
+    };
+    for (const auto& [bundle, name] : names) {
+        std::string config = mac.readFile(bundle + "/config.pvs");
+        const size_t from = config.find("<VmName>") + 8;
+        config.replace(from, config.find("</VmName>") - from, name);
+        mac.writeFile(bundle + "/config.pvs", config);
+    }
+    const std::string debian = "/Users/robin/VirtualBox VMs/Debian 12/Debian 12.vbox";
+    std::string vbox = mac.readFile(debian);
+    vbox.replace(vbox.find("name=\"Debian 12\""), 16, "name=\"\u65e5\u672c\u8a9e Debian\"");
+    mac.writeFile(debian, vbox);
+
+    const auto json = implvm_test::Implvm({"--root", mac.root(), "inventory", "--json"});
+    const Json doc = Json::parse(json.out);
+    for (size_t i = 0; i < std::size(names); ++i)
+        EXPECT_EQ(doc["hypervisors"]["parallels"]["vms"][i]["info"]["outputs"]["UserFriendlyName"],
+                  names[i].second);
+    EXPECT_EQ(doc["hypervisors"]["parallels"]["vms"][0]["id"], xp);
+
+    const auto human = implvm_test::Implvm({"--root", mac.root(), "inventory"});
+    EXPECT_EQ(human.exitCode, 0);
+    for (size_t i = 0; i < human.out.size(); ++i) {
+        const auto c = static_cast<unsigned char>(human.out[i]);
+        const bool c1 = c == 0xC2 && i + 1 < human.out.size() &&
+                        static_cast<unsigned char>(human.out[i + 1]) <= 0x9F;
+        ASSERT_TRUE((c >= 0x20 || c == '\n') && c != 0x7F && !c1) << "byte " << i;
+    }
+    std::istringstream lines(human.out);
+    for (std::string line; std::getline(lines, line);) EXPECT_LT(line.size(), 400u) << line;
+    // The NAME column is as wide as the cut name, 48 columns; the escaped
+    // names are ASCII, a column a byte.
+    const auto padded = [](const std::string& cell) {
+        return "  " + cell + std::string(48 - cell.size() + 2, ' ');
+    };
+    ExpectLines(human.out, {padded("\\e[31mred\\e[0m\\e]0;t\\x07") + "Windows XP ",
+                            "  /Users/robin/Parallels/Windows\\e[2JXP.pvm\n",
+                            padded("two\\rlines\\x00nul\\x7f\\u009b!") + "Windows Server 2008 ",
+                            "  " + std::string(47, 'n') + "\u2026  Linux ",
+                            // Three wide characters take two columns each.
+                            "  \u65e5\u672c\u8a9e Debian        Debian (64-bit)  "});
+}
+
+// A hypervisor whose tool hangs is asked nothing more once the tool has been
+// killed at its time limit, and the rest of the inventory goes on; so for the
+// hardware check, which runs system_profiler.
+TEST(ImplvmInventory, AHungToolStopsOnlyItsOwnHypervisor) {
+    const std::string vboxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage",
+                      vms = "/Users/robin/VirtualBox VMs/";
+    const struct {
+        std::string tool;
+        std::string detail;
+        std::vector<std::string> lines;  // in the human form
+    } rows[] = {
+        {vboxManage,
+         "VBoxManage did not answer within 0.3 s",
+         {"  Ubuntu 22.04 Server  failed: GetVMInfo answered -1 (VBoxManage did not answer within "
+          "0.3 s; -1 at ImplVirtualMachine_VirtualBox.cpp:",
+          "  Windows 10           not asked: VBoxManage did not answer within 0.3 s  " + vms +
+              "Windows 10/Windows 10.vbox\n",
+          "  Fedora 39            not asked: VBoxManage did not answer within 0.3 s  " + vms +
+              "Fedora 39/Fedora 39.vbox\n",
+          "  by its hardware profile:   not a virtual machine\n"}},
+        {"/usr/sbin/system_profiler",
+         "system_profiler did not answer within 0.3 s",
+         {"  by its hardware profile:   check failed: IsMachineVirtual answered -1 "
+          "(system_profiler did not answer within 0.3 s; -1 at ImplVirtualMachine_Common.cpp:",
+          "  Fedora 39            Fedora (64-bit)      suspended/paused  NAT  "}},
+    };
+    for (const auto& row : rows) {
+        TestMachine mac;
+        mac.copyDemoMac();
+        implvm_test::FakeTool& tool = mac.installTool(row.tool);
+        tool.respond(implvm_test::FakeResponse{.sleepSeconds = 600});
+        const auto run = [&](std::vector<std::string> args) {
+            args.insert(args.begin(), {IMPLVM_BIN, "--root", mac.root(), "inventory"});
+            return implvm_test::RunProcess(
+                args,
+                {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}, {"KALDO_TOOL_TIMEOUT", "0.3"}});
+        };
+        const auto json = run({"--json"});
+        EXPECT_EQ(json.exitCode, 1) << row.tool;
+        EXPECT_EQ(tool.invocations().size(), 1u) << row.tool;
+        const Json doc = Json::parse(json.out);
+
+        // Hung here: the first VM's description, and nothing after it.
+        const bool vbox = row.tool == vboxManage;
+        const Json& section = doc["hypervisors"]["virtualbox"];
+        EXPECT_EQ(section["toolTimedOut"], vbox ? Json(row.detail) : Json()) << row.tool;
+        for (size_t i = 0; i < section["vms"].size(); ++i) {
+            const Json& vm = section["vms"][i];
+            EXPECT_EQ(vm["notAsked"], vbox ? Json(row.detail) : Json());
+            EXPECT_EQ(vm["network"].is_null(), vbox);
+            EXPECT_EQ(vm["info"].is_null(), vbox && i > 0);
+        }
+        const Json& hung = vbox ? section["vms"][0]["info"] : doc["host"]["hardware"];
+        EXPECT_EQ(hung["result"], -1);
+        EXPECT_EQ(hung["errors"][0]["code"], -7);
+        EXPECT_EQ(hung["errors"][0]["detail"], row.detail);
+
+        // Everything else as on a Mac whose tools all answer.
+        for (const char* key : {"parallels", "vmware"}) {
+            EXPECT_EQ(doc["hypervisors"][key]["toolTimedOut"], Json());
+            for (const Json& vm : doc["hypervisors"][key]["vms"]) {
+                EXPECT_EQ(vm["notAsked"], Json());
+                EXPECT_EQ(vm["network"]["method"].is_string(), true);
+            }
+        }
+        EXPECT_EQ(doc["hypervisors"]["vmware"]["vms"].size(), 5u);
+        EXPECT_EQ(doc["host"]["network"]["result"], 0);
+        EXPECT_EQ(doc["host"]["hardware"]["result"], vbox ? 0 : -1);
+
+        tool.reset();
+        tool.respond(implvm_test::FakeResponse{.sleepSeconds = 600});
+        const auto human = run({});
+        EXPECT_EQ(human.exitCode, 1);
+        EXPECT_EQ(human.err, "");
+        ExpectLines(human.out, row.lines);
+    }
 }
 
 }  // namespace
