@@ -160,6 +160,28 @@ std::string FusionVmRoot(const std::string& scratch, size_t logMB) {
     return root;
 }
 
+const std::string kAdaptersVmx = kHome + "/Virtual Machines.localized/Wired.vmwarevm/Wired.vmx";
+
+std::string FusionAdaptersRoot(const std::string& scratch, int adapters) {
+    bool fresh = false;
+    const std::string root = Root(scratch, "fusion-adapters-" + std::to_string(adapters), fresh);
+    if (fresh) {
+        std::string vmx =
+            ".encoding = \"UTF-8\"\nconfig.version = \"8\"\ndisplayName = \"Wired\"\n"
+            "guestOS = \"ubuntu-64\"\ncheckpoint.vmState = \"Wired-3c5a0b.vmss\"\n";
+        const char* kinds[] = {"nat", "bridged", "hostonly", "custom"};
+        for (int n = 0; n < adapters; ++n) {
+            const std::string key = "ethernet" + std::to_string(n);
+            vmx += key + ".present = \"" + (n % 10 == 9 ? "FALSE" : "TRUE") + "\"\n" + key +
+                   ".connectionType = \"" + kinds[n % 4] + "\"\n" + key +
+                   ".virtualDev = \"e1000e\"\n" + key + ".startConnected = \"" +
+                   (n % 3 ? "TRUE" : "FALSE") + "\"\n" + key + ".addressType = \"generated\"\n";
+        }
+        WriteFile(root + kAdaptersVmx, vmx);
+    }
+    return root;
+}
+
 const std::string kVBoxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage";
 const std::string kVBoxSettings = kHome + "/VirtualBox VMs/Bench/Bench.vbox";
 

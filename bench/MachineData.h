@@ -36,6 +36,11 @@ extern const std::string kFusionLog;  // its vmware.log
 // the whole log.
 std::string FusionVmRoot(const std::string& scratch, size_t logMB);
 
+extern const std::string kAdaptersVmx;  // Mac path of the many-adapter VM's .vmx
+// A suspended Fusion VM whose .vmx declares `adapters` adapters (every tenth
+// not present), with their keys in the order Fusion writes them.
+std::string FusionAdaptersRoot(const std::string& scratch, int adapters);
+
 extern const std::string kVBoxManage;    // Mac path of the tool
 extern const std::string kVBoxSettings;  // Mac path of the machine's settings file
 // A VirtualBox machine with four adapters (three enabled) whose showvminfo

@@ -9,6 +9,8 @@
 //    the scan (the back-to-back ratio is shown beside it);
 //  - the .vmx reader of a running Fusion 5 VM whose vmware.log is 100 MB,
 //    beside the reads it cannot avoid (the log and the process listing);
+//  - the .vmx reader over 10,000 and 100,000 adapters, which must grow
+//    linearly (cold caches, as for the inventories);
 //  - the VirtualBox reader over a large showvminfo report, beside the bare
 //    tool run that prints it.
 #include "BenchKit.h"
@@ -117,6 +119,39 @@ void FusionVmxReaderIo(benchmark::State& state) {
     KALDO::CMachineRoot::Set("");
 }
 
+// ---- a .vmx with many adapters ----
+
+void FusionAdapters(benchmark::State& state, int adapters, bool cold) {
+    auto* reader = ModuleFunction<FusionGetInfo>("VirtualMachineImpl_VmWareFusion1_GetInfoForVm");
+    if (reader == nullptr) {
+        state.SkipWithError("the module has no Fusion reader yet");
+        return;
+    }
+    KALDO::CMachineRoot::Set(FusionAdaptersRoot(Scratch(), adapters));
+    const std::wstring vmx = KALDO::CStringUtils::StringToWString(kAdaptersVmx);
+    const size_t expected = adapters - adapters / 10;
+    auto run = [&] {
+        KALDO::typeProperty description;
+        std::vector<KALDO::typeProperty> networks;
+        return reader(vmx, &description, 13) == 0 &&
+               description.getMapVal(L"Networks", networks) >= 0 && networks.size() == expected;
+    };
+    if (!run()) {
+        state.SkipWithError("the reader did not list every adapter");
+        return;
+    }
+    for (auto _ : state) {
+        if (cold) {
+            state.PauseTiming();
+            EvictCaches();
+            state.ResumeTiming();
+        }
+        run();
+    }
+    state.counters["adapters"] = adapters;
+    KALDO::CMachineRoot::Set("");
+}
+
 // ---- showvminfo over a large report ----
 
 using VBoxGetInfo = int(const std::wstring&, KALDO::typeProperty*);
@@ -208,6 +243,18 @@ int main(int argc, char** argv) {
     comparisons.push_back({".vmx reader, running Fusion 5 VM, 100 MB vmware.log",
                            "Fusion5_GetInfoForVm/running/log100MB",
                            "Fusion5_ListingAndLogRead/log100MB", Goal::kInfo, 0});
+
+    for (int adapters : {10000, 100000}) {
+        const std::string size = std::to_string(adapters);
+        benchmark::RegisterBenchmark(
+            ("Fusion_GetInfoForVm_adapters_cold/" + size).c_str(),
+            [adapters](benchmark::State& s) { FusionAdapters(s, adapters, true); })
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+    }
+    comparisons.push_back({".vmx reader, cold caches: 100,000 adapters against 10,000",
+                           "Fusion_GetInfoForVm_adapters_cold/100000",
+                           "Fusion_GetInfoForVm_adapters_cold/10000", Goal::kCostAtMost, 12.0});
 
     for (size_t mb : {1, 10}) {
         const std::string size = std::to_string(mb) + "MB";
