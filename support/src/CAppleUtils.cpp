@@ -17,12 +17,12 @@
 #include "KALDO/Failpoints.h"
 #include "KALDO/Result.h"
 #include "PathText.h"
+#include "PlistDepth.h"
 
 namespace KALDO {
 namespace {
 
 constexpr size_t kMaxPlistBytes = 64u << 20;      // preference files are small; refuse junk
-constexpr int kMaxPlistDepth = 256;               // deeper nesting is not a real plist
 constexpr int64_t kAppleEpochOffset = 978307200;  // 2001-01-01 in Unix time
 
 int ReadBytes(const std::wstring& path, std::string& bytes) {
@@ -78,8 +78,10 @@ std::string DateText(plist_t node) {
     return text;
 }
 
-int Convert(plist_t node, typeProperty& out, int depth) {
-    if (depth > kMaxPlistDepth) return kInvalidArgument;
+int ConvertScalar(plist_t node, typeProperty& out);
+
+// Recursive: CheckPlistShape has bounded the nesting before libplist parsed.
+int Convert(plist_t node, typeProperty& out) {
     switch (plist_get_node_type(node)) {
         case PLIST_DICT: {
             out.changeTypeToMap();
@@ -92,7 +94,7 @@ int Convert(plist_t node, typeProperty& out, int depth) {
                 OwnedText key(rawKey);
                 if (value == nullptr) break;
                 typeProperty child;
-                const int rc = Convert(value, child, depth + 1);
+                const int rc = Convert(value, child);
                 if (rc < 0) {
                     std::free(it);
                     return rc;
@@ -103,16 +105,33 @@ int Convert(plist_t node, typeProperty& out, int depth) {
             return kOk;
         }
         case PLIST_ARRAY: {
+            // By iterator: fetching by index walks the list from its start
+            // each time, quadratic in its length (seconds for 100,000).
             out.changeTypeToVec();
-            const uint32_t size = plist_array_get_size(node);
-            for (uint32_t i = 0; i < size; ++i) {
+            plist_array_iter it = nullptr;
+            plist_array_new_iter(node, &it);
+            int rc = kOk;
+            for (;;) {
+                plist_t item = nullptr;
+                plist_array_next_item(node, it, &item);
+                if (item == nullptr) break;
                 typeProperty child;
-                const int rc = Convert(plist_array_get_item(node, i), child, depth + 1);
-                if (rc < 0) return rc;
+                rc = Convert(item, child);
+                if (rc < 0) break;
                 out.addVecVal(child);
             }
-            return kOk;
+            std::free(it);
+            return rc;
         }
+        default:
+            return ConvertScalar(node, out);
+    }
+}
+
+// Apart from Convert, whose frame every level of nesting repeats: the
+// scalars' locals would triple it in a sanitizer build.
+[[gnu::noinline]] int ConvertScalar(plist_t node, typeProperty& out) {
+    switch (plist_get_node_type(node)) {
         case PLIST_STRING: {
             // By pointer and length: the copying accessor asserts that the
             // text holds no NUL byte, and a list that has one (a binary list,
@@ -247,12 +266,15 @@ int CAppleUtils::ReadPlistFileToTypePropertyTree(const std::wstring& path, typeP
     std::string bytes;
     int rc = ReadBytes(path, bytes);
     if (rc < 0) return rc;
-    if (bytes.empty()) return kInvalidArgument;
+    // libplist recurses as deep as the list nests and copies a shared
+    // object at every reference: measure first.
+    rc = detail::CheckPlistShape(bytes);
+    if (rc < 0) return rc;
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     if (root == nullptr) return kInvalidArgument;
     typeProperty converted;
-    rc = Convert(root, converted, 0);
+    rc = Convert(root, converted);
     plist_free(root);
     if (rc < 0) return rc;
     tree = std::move(converted);
