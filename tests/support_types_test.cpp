@@ -40,9 +40,29 @@ TEST(TypeProperty, KindsInsertionOrderAndReplaceInPlace) {
 }
 
 TEST(TypeProperty, CopiesAreDeepAndAliasingIsSafe) {
-    typeProperty outer = Tree(R"({"inner":{"x":1}})"), assigned;
+    // Copies share their contents until one changes: every change, at any
+    // depth and through any operation, must leave the others as they were.
+    typeProperty outer = Tree(R"({"inner":{"x":1},"list":[{"y":1}]})"), assigned;
     assigned = outer;
-    const_cast<typeProperty*>(outer.findMapVal(L"inner"))->addMapVal(L"x", 2);
+    const typeProperty copied(outer), taken = typeProperty(outer);
+    typeProperty inner, element;
+    outer.getMapVal(L"inner", inner);
+    inner.addMapVal(L"x", 2);
+    outer.addSubTree(L"inner", inner);
+    std::vector<typeProperty> list;
+    outer.getMapVal(L"list", list);
+    list[0].addMapVal(L"y", 2);
+    list[0].addVecVal(L"refused: a map");
+    typeProperty newList;
+    newList.addVecVal(list[0]);
+    outer.addSubTree(L"list", newList);
+    EXPECT_EQ(Dump(outer), R"({"inner":{"x":2},"list":[{"y":2}]})");
+    for (const typeProperty* unchanged : {&copied, &taken}) {
+        EXPECT_EQ(Dump(*unchanged), R"({"inner":{"x":1},"list":[{"y":1}]})");
+    }
+    assigned.clear();
+    EXPECT_EQ(Dump(copied), R"({"inner":{"x":1},"list":[{"y":1}]})");
+    assigned = Tree(R"({"inner":{"x":1}})");
     // A tree added into itself, an element appended to its own vector, and a
     // value fetched into its own parent.
     typeProperty self = Tree(R"({"a":"1"})"), vec = Tree(R"(["v"])");

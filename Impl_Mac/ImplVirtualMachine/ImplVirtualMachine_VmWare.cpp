@@ -264,7 +264,7 @@ constexpr std::wstring_view kAdapterFieldMarkers[kAdapterFields] = {
     L"present = \"", L"connectionType = \"", L"startConnected = \""};
 
 struct AdapterValues {
-    std::array<std::wstring, kAdapterFields> value;  // "" where missing or unterminated
+    std::array<std::wstring_view, kAdapterFields> value;  // "" where missing or unterminated
     std::array<bool, kAdapterFields> seen{};
 };
 
@@ -272,9 +272,13 @@ struct AdapterValues {
 // give it: that of the key's first occurrence anywhere in the text (a longer
 // key ending in it counts too), ASCII letters in any case, up to the quote
 // that ends its line. Asking VmxValue for each key in turn would rescan the
-// file per adapter, quadratic in the number of adapters.
-std::unordered_map<int, AdapterValues> ScanAdapters(std::wstring_view vmx) {
-    std::unordered_map<int, AdapterValues> adapters;
+// file per adapter, quadratic in the number of adapters. Indexed by adapter
+// number; the values point into the text. Only numbers the reader can reach
+// are kept: adapters 0 to n all need their own "present" key.
+std::vector<AdapterValues> ScanAdapters(std::wstring_view vmx) {
+    std::vector<AdapterValues> adapters;
+    const size_t reachable =
+        vmx.size() / (L"ethernet0." + std::wstring(kAdapterFieldMarkers[kPresent])).size();
     constexpr std::wstring_view kEthernet = L"ethernet";
     // The end of the value that starts at `from`: the next quote before a
     // line end (npos: none). Values start further on each time, so one
@@ -300,17 +304,19 @@ std::unordered_map<int, AdapterValues> ScanAdapters(std::wstring_view vmx) {
             n = n * 10 + (vmx[p++] - L'0');
         // The key names adapter n only as its plain decimal, then a dot.
         if (p == digits || n > INT_MAX || (vmx[digits] == L'0' && p - digits > 1) ||
-            p >= vmx.size() || vmx[p] != L'.')
+            p >= vmx.size() || vmx[p] != L'.' || static_cast<size_t>(n) >= reachable)
             continue;
         ++p;
         for (int f = 0; f < kAdapterFields; ++f) {
             if (!ImplVm::MatchesFoldedAt(vmx, p, kAdapterFieldMarkers[f])) continue;
-            AdapterValues& values = adapters[static_cast<int>(n)];
+            if (static_cast<size_t>(n) >= adapters.size())
+                adapters.resize(static_cast<size_t>(n) + 1);
+            AdapterValues& values = adapters[static_cast<size_t>(n)];
             if (values.seen[f]) break;
             values.seen[f] = true;
             const size_t start = p + kAdapterFieldMarkers[f].size();
             const size_t end = endOfValueFrom(start);
-            if (end != npos) values.value[f] = std::wstring(vmx.substr(start, end - start));
+            if (end != npos) values.value[f] = vmx.substr(start, end - start);
             break;
         }
     }
@@ -319,29 +325,31 @@ std::unordered_map<int, AdapterValues> ScanAdapters(std::wstring_view vmx) {
 
 // ethernet0, ethernet1, ... up to the first index without a "present" key.
 typeProperty ReadAdapters(const std::wstring& vmx) {
-    const std::unordered_map<int, AdapterValues> adapters = ScanAdapters(vmx);
-    const AdapterValues none;
+    const std::vector<AdapterValues> adapters = ScanAdapters(vmx);
+    // The keys made once: a VM may have many thousands of adapters.
+    static const std::wstring kName = L"Name", kType = L"Type", kIsConnected = L"IsConnected",
+                              kMacAddress = L"MacAddress";
     typeProperty networks;
-    for (int n = 0;; ++n) {
-        const auto found = adapters.find(n);
-        const AdapterValues& values = found == adapters.end() ? none : found->second;
-        const std::wstring& present = values.value[kPresent];
+    for (size_t n = 0; n < adapters.size(); ++n) {
+        const AdapterValues& values = adapters[n];
+        const std::wstring_view present = values.value[kPresent];
         if (present.empty()) break;
         if (present == L"FALSE") continue;
 
         typeProperty adapter;
-        adapter.addMapVal(L"Name", n == 0 ? std::wstring(L"Network")
-                                          : L"Network " + CStringUtils::I32ToStr(n + 1));
+        adapter.addMapVal(kName,
+                          n == 0 ? std::wstring(L"Network")
+                                 : L"Network " + CStringUtils::I32ToStr(static_cast<int>(n) + 1));
         for (const Connection& row : kConnectionTable) {
             if (values.value[kConnectionType] == row.value) {
-                adapter.addMapVal(L"Type", row.type);
+                adapter.addMapVal(kType, row.type);
                 break;
             }
         }
         const bool disconnected = values.value[kStartConnected] == L"FALSE";
-        adapter.addMapVal(L"IsConnected", disconnected ? 0 : 1);
-        adapter.addMapVal(L"MacAddress", std::wstring());
-        networks.addVecVal(adapter);
+        adapter.addMapVal(kIsConnected, disconnected ? 0 : 1);
+        adapter.addMapVal(kMacAddress, std::wstring());
+        networks.addVecVal(std::move(adapter));
     }
     return networks;
 }

@@ -1,5 +1,6 @@
 #include "KALDO/typeProperty.h"
 
+#include <atomic>
 #include <functional>
 #include <string_view>
 #include <unordered_set>
@@ -7,11 +8,52 @@
 
 namespace KALDO {
 
+namespace {
+
+// Contents shared by copies of a value, counted. A value about to change
+// contents that another value still shares makes its own copy first; the
+// count is read with acquire so that the other value's last reads happen
+// before this value's writes.
+struct Counted {
+    std::atomic<long> refs{1};
+};
+
+template <typename T>
+T* Share(T* data) {
+    if (data != nullptr) data->refs.fetch_add(1, std::memory_order_relaxed);
+    return data;
+}
+
+template <typename T>
+void Release(T*& data) {
+    if (data != nullptr && data->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete data;
+    data = nullptr;
+}
+
+template <typename T>
+T& Own(T*& data) {
+    if (data->refs.load(std::memory_order_acquire) != 1) {
+        T* copy = new T(*data);
+        Release(data);
+        data = copy;
+    }
+    return *data;
+}
+
+}  // namespace
+
+struct typeProperty::VecData : Counted {
+    std::vector<typeProperty> items;
+    VecData() = default;
+    VecData(const VecData& other) : Counted(), items(other.items) {}
+    VecData& operator=(const VecData&) = delete;
+};
+
 // Map entries stay in insertion order in a vector (that is what hosts walk);
 // maps that grow beyond a few keys also get a hash index of entry positions,
 // so lookups stay constant-time in large maps (a long "VMs" inventory, a big
 // property list) while small maps pay nothing for it.
-struct typeProperty::MapData {
+struct typeProperty::MapData : Counted {
     using Entry = std::pair<std::wstring, typeProperty>;
     static constexpr size_t kIndexThreshold = 12;
 
@@ -40,7 +82,7 @@ struct typeProperty::MapData {
     Index index{0, Hash{this}, Equal{this}};
 
     MapData() = default;
-    MapData(const MapData& other) : entries(other.entries) { rebuildIndex(); }
+    MapData(const MapData& other) : Counted(), entries(other.entries) { rebuildIndex(); }
     MapData& operator=(const MapData&) = delete;
 
     void rebuildIndex() {
@@ -60,12 +102,17 @@ struct typeProperty::MapData {
         return it == index.end() ? nullptr : &entries[*it].second;
     }
 
-    void put(const std::wstring& key, typeProperty&& value) {
+    // Takes both over: an add copies its key and value once, before the map
+    // changes (either may live inside this very tree).
+    void put(std::wstring&& key, typeProperty&& value) {
         if (typeProperty* existing = const_cast<typeProperty*>(find(key))) {
             *existing = std::move(value);
             return;
         }
-        entries.emplace_back(key, std::move(value));
+        // Most maps are small records (an adapter, a VM's OS): room for a
+        // few keys at once spares them the growth steps 1, 2, 4.
+        if (entries.empty()) entries.reserve(4);
+        entries.emplace_back(std::move(key), std::move(value));
         if (entries.size() == kIndexThreshold)
             rebuildIndex();
         else if (entries.size() > kIndexThreshold)
@@ -79,14 +126,14 @@ typeProperty::typeProperty(const typeProperty& other)
     : kind_(other.kind_),
       int_(other.int_),
       str_(other.str_),
-      vec_(other.vec_),
-      map_data_(other.map_data_ ? new MapData(*other.map_data_) : nullptr) {}
+      vec_data_(Share(other.vec_data_)),
+      map_data_(Share(other.map_data_)) {}
 
 typeProperty::typeProperty(typeProperty&& other) noexcept
     : kind_(other.kind_),
       int_(other.int_),
       str_(std::move(other.str_)),
-      vec_(std::move(other.vec_)),
+      vec_data_(std::exchange(other.vec_data_, nullptr)),
       map_data_(std::exchange(other.map_data_, nullptr)) {
     other.kind_ = Kind::Empty;
     other.int_ = 0;
@@ -102,20 +149,21 @@ typeProperty& typeProperty::operator=(const typeProperty& other) {
 
 typeProperty& typeProperty::operator=(typeProperty&& other) noexcept {
     if (this != &other) {
-        delete map_data_;
+        Release(vec_data_);
+        Release(map_data_);
         kind_ = std::exchange(other.kind_, Kind::Empty);
         int_ = std::exchange(other.int_, 0);
         str_ = std::move(other.str_);
-        vec_ = std::move(other.vec_);
+        vec_data_ = std::exchange(other.vec_data_, nullptr);
         map_data_ = std::exchange(other.map_data_, nullptr);
         other.str_.clear();
-        other.vec_.clear();
     }
     return *this;
 }
 
 typeProperty::~typeProperty() {
-    delete map_data_;
+    Release(vec_data_);
+    Release(map_data_);
 }
 
 void typeProperty::clear() {
@@ -123,10 +171,8 @@ void typeProperty::clear() {
     int_ = 0;
     str_.clear();
     str_.shrink_to_fit();
-    vec_.clear();
-    vec_.shrink_to_fit();
-    delete map_data_;
-    map_data_ = nullptr;
+    Release(vec_data_);
+    Release(map_data_);
 }
 
 int typeProperty::getString(std::wstring& value) const {
@@ -143,7 +189,7 @@ void typeProperty::setString(const std::wstring& value) {
 }
 
 int typeProperty::lookupString(const std::wstring& key, std::wstring& value) const {
-    const MapData* map = map_();
+    const MapData* map = kind_ == Kind::Map ? map_data_ : nullptr;
     const typeProperty* found = map ? map->find(key) : nullptr;
     if (!found) return kNotFound;
     return found->getString(value);
@@ -152,23 +198,29 @@ int typeProperty::lookupString(const std::wstring& key, std::wstring& value) con
 int typeProperty::addSubTree(const std::wstring& key, const typeProperty& value) {
     if (kind_ != Kind::Empty && kind_ != Kind::Map) return kInvalidArgument;
     // Copy first: value may be this tree or a part of it.
-    typeProperty copy(value);
-    std::wstring keyCopy(key);
-    makeMapIfEmpty();
-    map_data_->put(keyCopy, std::move(copy));
-    return kOk;
+    return putCopies(key, typeProperty(value));
 }
 
 int typeProperty::addInteger(const std::wstring& key, int value) {
+    if (kind_ != Kind::Empty && kind_ != Kind::Map) return kInvalidArgument;
     typeProperty item;
     item.setIntVal(value);
-    return addSubTree(key, item);
+    return putCopies(key, std::move(item));
 }
 
 int typeProperty::addString(const std::wstring& key, const std::wstring& value) {
+    if (kind_ != Kind::Empty && kind_ != Kind::Map) return kInvalidArgument;
     typeProperty item;
-    item.setString(value);
-    return addSubTree(key, item);
+    item.kind_ = Kind::String;
+    item.str_ = value;  // a copy, made before this tree changes
+    return putCopies(key, std::move(item));
+}
+
+int typeProperty::putCopies(const std::wstring& key, typeProperty&& value) {
+    std::wstring keyCopy(key);  // key may be one of this map's own
+    makeMapIfEmpty();
+    ownMap().put(std::move(keyCopy), std::move(value));
+    return kOk;
 }
 
 void typeProperty::setVal(const std::wstring& value) {
@@ -194,9 +246,18 @@ void typeProperty::changeTypeToMap() {
 
 int typeProperty::addVecVal(const typeProperty& value) {
     if (kind_ != Kind::Empty && kind_ != Kind::Vector) return kInvalidArgument;
-    typeProperty copy(value);  // value may be an element of vec_
+    typeProperty copy(value);  // value may be an element of this vector
     kind_ = Kind::Vector;
-    vec_.push_back(std::move(copy));
+    ownVec().push_back(std::move(copy));
+    return kOk;
+}
+
+int typeProperty::addVecVal(typeProperty&& value) {
+    if (kind_ != Kind::Empty && kind_ != Kind::Vector) return kInvalidArgument;
+    if (&value == this) return addVecVal(static_cast<const typeProperty&>(value));
+    typeProperty taken(std::move(value));  // value may be an element of this vector
+    kind_ = Kind::Vector;
+    ownVec().push_back(std::move(taken));
     return kOk;
 }
 
@@ -219,7 +280,7 @@ int typeProperty::addMapVal(const std::wstring& key, const typeProperty& value) 
 }
 
 int typeProperty::getMapVal(const std::wstring& key, typeProperty& value) const {
-    const MapData* map = map_();
+    const MapData* map = kind_ == Kind::Map ? map_data_ : nullptr;
     const typeProperty* found = map ? map->find(key) : nullptr;
     if (!found) return kNotFound;
     if (found != &value) value = *found;
@@ -231,24 +292,24 @@ int typeProperty::getMapVal(const std::wstring& key, std::wstring& value) const 
 }
 
 int typeProperty::getMapVal(const std::wstring& key, int& value) const {
-    const MapData* map = map_();
+    const MapData* map = kind_ == Kind::Map ? map_data_ : nullptr;
     const typeProperty* found = map ? map->find(key) : nullptr;
     if (!found) return kNotFound;
     return found->getIntVal(value);
 }
 
 int typeProperty::getMapVal(const std::wstring& key, std::vector<typeProperty>& values) const {
-    const MapData* map = map_();
+    const MapData* map = kind_ == Kind::Map ? map_data_ : nullptr;
     const typeProperty* found = map ? map->find(key) : nullptr;
     if (!found) return kNotFound;
     if (found->kind_ != Kind::Vector) return kInvalidArgument;
-    std::vector<typeProperty> copy(found->vec_);
+    std::vector<typeProperty> copy(found->vec());
     values.swap(copy);
     return kOk;
 }
 
 const typeProperty* typeProperty::findMapVal(const std::wstring& key) const {
-    const MapData* map = map_();
+    const MapData* map = kind_ == Kind::Map ? map_data_ : nullptr;
     return map ? map->find(key) : nullptr;
 }
 
@@ -267,20 +328,20 @@ int typeProperty::getMapKeys(std::vector<std::wstring>& keys) const {
 
 int typeProperty::getVecSize(int& size) const {
     if (kind_ != Kind::Vector) return kInvalidArgument;
-    size = static_cast<int>(vec_.size());
+    size = static_cast<int>(vec().size());
     return kOk;
 }
 
 int typeProperty::getVecVal(int index, std::wstring& value) const {
     if (kind_ != Kind::Vector) return kInvalidArgument;
-    if (index < 0 || static_cast<size_t>(index) >= vec_.size()) return kNotFound;
-    return vec_[static_cast<size_t>(index)].getString(value);
+    if (index < 0 || static_cast<size_t>(index) >= vec().size()) return kNotFound;
+    return vec()[static_cast<size_t>(index)].getString(value);
 }
 
 int typeProperty::getVecVal(int index, typeProperty& value) const {
     if (kind_ != Kind::Vector) return kInvalidArgument;
-    if (index < 0 || static_cast<size_t>(index) >= vec_.size()) return kNotFound;
-    const typeProperty& element = vec_[static_cast<size_t>(index)];
+    if (index < 0 || static_cast<size_t>(index) >= vec().size()) return kNotFound;
+    const typeProperty& element = vec()[static_cast<size_t>(index)];
     if (&element != &value) value = element;
     return kOk;
 }
@@ -296,7 +357,7 @@ const std::vector<std::pair<std::wstring, typeProperty>>* typeProperty::mapEntri
 }
 
 const std::vector<typeProperty>* typeProperty::vecEntries() const {
-    return kind_ == Kind::Vector ? &vec_ : nullptr;
+    return kind_ == Kind::Vector ? &vec() : nullptr;
 }
 
 bool typeProperty::operator==(const typeProperty& other) const {
@@ -309,9 +370,9 @@ bool typeProperty::operator==(const typeProperty& other) const {
         case Kind::Integer:
             return int_ == other.int_;
         case Kind::Vector:
-            return vec_ == other.vec_;
+            return vec_data_ == other.vec_data_ || vec() == other.vec();
         case Kind::Map:
-            return map_data_->entries == other.map_data_->entries;
+            return map_data_ == other.map_data_ || map_data_->entries == other.map_data_->entries;
     }
     return false;
 }
@@ -320,12 +381,18 @@ void typeProperty::makeMapIfEmpty() {
     if (kind_ == Kind::Empty) changeTypeToMap();
 }
 
-typeProperty::MapData* typeProperty::map_() {
-    return kind_ == Kind::Map ? map_data_ : nullptr;
+typeProperty::MapData& typeProperty::ownMap() {
+    return Own(map_data_);
 }
 
-const typeProperty::MapData* typeProperty::map_() const {
-    return kind_ == Kind::Map ? map_data_ : nullptr;
+std::vector<typeProperty>& typeProperty::ownVec() {
+    if (vec_data_ == nullptr) vec_data_ = new VecData();
+    return Own(vec_data_).items;
+}
+
+const std::vector<typeProperty>& typeProperty::vec() const {
+    static const std::vector<typeProperty> kNone;
+    return vec_data_ != nullptr ? vec_data_->items : kNone;
 }
 
 }  // namespace KALDO

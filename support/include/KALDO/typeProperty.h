@@ -2,11 +2,14 @@
 // host and the module.
 //
 // A value is empty (never given a kind), a string, an integer, a map from wide
-// key to value (kept in insertion order) or a vector of values. Values are
-// copied deeply; a typeProperty owns its whole subtree.
+// key to value (kept in insertion order) or a vector of values. Values behave
+// as deep copies: changing one never changes another. A copy shares its
+// maps and vectors with the original until either is changed, so handing a
+// large tree on costs no time or memory.
 //
-// Thread safety: distinct values may be used from different threads freely;
-// one value is not synchronised (like a standard container).
+// Thread safety: distinct values may be used from different threads freely,
+// also copies of one another; one value is not synchronised (like a standard
+// container).
 //
 // Kinds of values change only in these ways:
 //  - an empty value becomes a map on its first map add and a vector on its
@@ -83,6 +86,9 @@ public:
     // Appends a copy of an element to a vector value (an empty value becomes
     // a vector first). Returns 0 or kInvalidArgument.
     int addVecVal(const typeProperty& value);
+    // The same, taking the element over instead of copying it (a large list
+    // is built without a second copy of every element).
+    int addVecVal(typeProperty&& value);
     int addVecVal(const std::wstring& value);
 
     // Map adds, as the virtual add operations.
@@ -128,15 +134,20 @@ public:
 
 private:
     struct MapData;
+    struct VecData;
     void makeMapIfEmpty();
-    MapData* map_();
-    const MapData* map_() const;
+    // Adds value under a copy of key to a map (or an empty value).
+    int putCopies(const std::wstring& key, typeProperty&& value);
+    // The contents to change, no longer shared with any copy.
+    MapData& ownMap();
+    std::vector<typeProperty>& ownVec();
+    const std::vector<typeProperty>& vec() const;
 
     Kind kind_ = Kind::Empty;
     int int_ = 0;
     std::wstring str_;
-    std::vector<typeProperty> vec_;
-    MapData* map_data_ = nullptr;  // owned; separate so large maps can index keys
+    VecData* vec_data_ = nullptr;  // shared with copies (counted); null: no elements
+    MapData* map_data_ = nullptr;  // shared with copies (counted); set for every map
 };
 
 }  // namespace KALDO
