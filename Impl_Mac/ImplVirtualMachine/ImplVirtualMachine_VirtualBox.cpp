@@ -377,9 +377,13 @@ IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox_4_X_PerformVMAction(const std::wstring& action,
                                                       const std::wstring& machine) try {
-    const std::vector<std::wstring> args =
-        action == kStartAction ? std::vector<std::wstring>{action, machine}
-                               : std::vector<std::wstring>{L"controlvm", machine, action};
+    // Built step by step: g++ 12 destroys the strings of a braced list in a
+    // conditional expression a second time when one of them fails to
+    // allocate.
+    std::vector<std::wstring> args;
+    if (action != kStartAction) args.emplace_back(L"controlvm");
+    args.push_back(action == kStartAction ? action : machine);
+    args.push_back(action == kStartAction ? machine : action);
     int exitCode = 0;
     std::wstring text;
     const int rc = KALDO::CProcessUtils::ExecuteSafeToText(kVBoxManage, args, exitCode, &text,

@@ -63,9 +63,16 @@ std::wstring Tagged(const wchar_t* tag, const std::string& text) {
 }
 
 struct FreeText {
-    void operator()(char* p) const { std::free(p); }
+    void operator()(void* p) const { std::free(p); }
 };
 using OwnedText = std::unique_ptr<char, FreeText>;
+// libplist's iterators are plain allocations too; held so that a failed
+// allocation on the way out frees them.
+using OwnedIter = std::unique_ptr<void, FreeText>;
+struct FreePlist {
+    void operator()(plist_t node) const { plist_free(node); }
+};
+using OwnedPlist = std::unique_ptr<void, FreePlist>;
 
 std::string DateText(plist_t node) {
     int32_t sec = 0, usec = 0;
@@ -85,43 +92,39 @@ int Convert(plist_t node, typeProperty& out) {
     switch (plist_get_node_type(node)) {
         case PLIST_DICT: {
             out.changeTypeToMap();
-            plist_dict_iter it = nullptr;
-            plist_dict_new_iter(node, &it);
+            plist_dict_iter rawIt = nullptr;
+            plist_dict_new_iter(node, &rawIt);
+            const OwnedIter it(rawIt);
             for (;;) {
                 char* rawKey = nullptr;
                 plist_t value = nullptr;
-                plist_dict_next_item(node, it, &rawKey, &value);
+                plist_dict_next_item(node, it.get(), &rawKey, &value);
                 OwnedText key(rawKey);
                 if (value == nullptr) break;
                 typeProperty child;
                 const int rc = Convert(value, child);
-                if (rc < 0) {
-                    std::free(it);
-                    return rc;
-                }
+                if (rc < 0) return rc;
                 out.addMapVal(Tagged(L"\\s", key ? key.get() : ""), child);
             }
-            std::free(it);
             return kOk;
         }
         case PLIST_ARRAY: {
             // By iterator: fetching by index walks the list from its start
             // each time, quadratic in its length (seconds for 100,000).
             out.changeTypeToVec();
-            plist_array_iter it = nullptr;
-            plist_array_new_iter(node, &it);
-            int rc = kOk;
+            plist_array_iter rawIt = nullptr;
+            plist_array_new_iter(node, &rawIt);
+            const OwnedIter it(rawIt);
             for (;;) {
                 plist_t item = nullptr;
-                plist_array_next_item(node, it, &item);
+                plist_array_next_item(node, it.get(), &item);
                 if (item == nullptr) break;
                 typeProperty child;
-                rc = Convert(item, child);
-                if (rc < 0) break;
-                out.addVecVal(child);
+                const int rc = Convert(item, child);
+                if (rc < 0) return rc;
+                out.addVecVal(std::move(child));
             }
-            std::free(it);
-            return rc;
+            return kOk;
         }
         default:
             return ConvertScalar(node, out);
@@ -270,12 +273,16 @@ int CAppleUtils::ReadPlistFileToTypePropertyTree(const std::wstring& path, typeP
     // object at every reference: measure first.
     rc = detail::CheckPlistShape(bytes);
     if (rc < 0) return rc;
-    plist_t root = nullptr;
-    plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
+    plist_t rawRoot = nullptr;
+    plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &rawRoot);
+    const OwnedPlist root(rawRoot);
     if (root == nullptr) return kInvalidArgument;
     typeProperty converted;
-    rc = Convert(root, converted);
-    plist_free(root);
+    try {
+        rc = Convert(root.get(), converted);
+    } catch (const std::bad_alloc&) {
+        return kTooLarge;  // a tree bigger than memory holds
+    }
     if (rc < 0) return rc;
     tree = std::move(converted);
     return kOk;

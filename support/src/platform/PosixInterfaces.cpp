@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <utility>
 
 #include "KALDO/Result.h"
@@ -16,9 +17,11 @@
 namespace KALDO::platform {
 
 int ListInterfaces(std::vector<Interface>& interfaces) {
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0) return ResultFromErrno(errno);
-    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+    ifaddrs* raw = nullptr;
+    if (::getifaddrs(&raw) != 0) return ResultFromErrno(errno);
+    // Freed also when an allocation below fails.
+    const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> list(raw, ::freeifaddrs);
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
         if (entry->ifa_addr == nullptr) continue;
 #if defined(__APPLE__)
         if (entry->ifa_addr->sa_family != AF_LINK) continue;
@@ -41,7 +44,6 @@ int ListInterfaces(std::vector<Interface>& interfaces) {
                                       [&](const Interface& i) { return i.name == name; });
         if (listed && !seen) interfaces.push_back(std::move(*listed));
     }
-    ::freeifaddrs(list);
     return kOk;
 }
 
