@@ -18,6 +18,7 @@
 
 #include "KALDO/KALDO.h"
 #include "TestMachine.h"
+#include "ToolTimeLimit.h"
 #include "platform/LinkTypes.h"
 #include "platform/Process.h"
 
@@ -186,6 +187,19 @@ TEST(ExecuteSafeToText, AsTheConsoleUserWhollyAndOnlyInTheTool) {
                 meanwhile.gid == int(host.gid));
     EXPECT_NE(meanwhile.env, annsEnv);
     EXPECT_FALSE(HasUnreapedChild());
+}
+
+// A minute for a reading tool, five for an action; the host's setting, when
+// it is a number, for every tool.
+TEST(ExecuteSafeToText, TimeLimitsByKindAndSetting) {
+    // clang-format off
+    const std::tuple<bool, const char*, double> rows[] = {
+        {false, nullptr, 60}, {true, nullptr, 300}, {false, "", 60}, {true, "0.5", 0.5},
+        {false, "0", 0}, {false, "soon", 60}, {true, "-3", 300}, {false, "120", 120}};
+    // clang-format on
+    for (const auto& [action, setting, seconds] : rows)
+        EXPECT_EQ(detail::ToolTimeLimit(action, setting), seconds)
+            << (action ? "action " : "reading ") << (setting ? setting : "unset");
 }
 
 // Only root can take another user's ids; a host that is the user needs none.

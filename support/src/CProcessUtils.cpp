@@ -14,6 +14,7 @@
 #include "KALDO/MachineRoot.h"
 #include "KALDO/Result.h"
 #include "PathText.h"
+#include "ToolTimeLimit.h"
 #include "platform/Process.h"
 
 extern char** environ;
@@ -22,12 +23,6 @@ namespace KALDO {
 namespace {
 
 const wchar_t* const kSourceFile = L"support/src/CProcessUtils.cpp";
-
-// A reading tool that has not answered in a minute is hung as far as a
-// management agent is concerned; starting or suspending a VM, or taking a
-// snapshot, may take minutes.
-constexpr double kReadingToolTimeoutSeconds = 60;
-constexpr double kActionToolTimeoutSeconds = 300;
 
 // Tools must print the English texts the module looks for, whatever the
 // host's language; C.UTF-8 where the system has it keeps UTF-8 output.
@@ -41,17 +36,6 @@ const std::string& ToolLocale() {
         return std::string("en_US.UTF-8");
     }();
     return locale;
-}
-
-// KALDO_TOOL_TIMEOUT, when set, is the one limit of every tool.
-double ToolTimeoutSeconds(bool action) {
-    const double byKind = action ? kActionToolTimeoutSeconds : kReadingToolTimeoutSeconds;
-    const char* text = std::getenv("KALDO_TOOL_TIMEOUT");
-    if (text == nullptr || *text == '\0') return byKind;
-    char* end = nullptr;
-    const double seconds = std::strtod(text, &end);
-    if (end == text || seconds < 0) return byKind;
-    return seconds;  // 0: no limit
 }
 
 // The tool's own name, for a host's message.
@@ -220,7 +204,10 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
     platform::ToolRun run;
     const bool asUser = how != platform::UserSwitch::kAsHost;
     const platform::ToolLimits limits{
-        options.noTimeLimit ? 0 : ToolTimeoutSeconds(options.isAction), kToolOutputLimitBytes};
+        options.noTimeLimit
+            ? 0
+            : detail::ToolTimeLimit(options.isAction, std::getenv("KALDO_TOOL_TIMEOUT")),
+        kToolOutputLimitBytes};
     const int rc = platform::RunTool(
         hostPath, argv, ToolEnvironment(root, asUser ? &user : nullptr), err == nullptr, limits,
         run, how == platform::UserSwitch::kSwitch ? &runAs : nullptr);
