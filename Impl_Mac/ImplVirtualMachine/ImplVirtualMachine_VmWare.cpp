@@ -323,31 +323,50 @@ std::vector<AdapterValues> ScanAdapters(std::wstring_view vmx) {
     return adapters;
 }
 
-// ethernet0, ethernet1, ... up to the first index without a "present" key.
-typeProperty ReadAdapters(const std::wstring& vmx) {
-    const std::vector<AdapterValues> adapters = ScanAdapters(vmx);
+// An adapter the reader lists: its number and what its record says.
+struct Adapter {
+    size_t number;
+    int type;  // 0: no "Type"
+    bool connected;
+};
+
+// ethernet0, ethernet1, ... up to the first index without a "present" key;
+// a "FALSE" one is left out but keeps its number.
+std::vector<Adapter> ListAdapters(std::wstring_view vmx) {
+    const std::vector<AdapterValues> keys = ScanAdapters(vmx);
+    std::vector<Adapter> adapters;
+    for (size_t n = 0; n < keys.size(); ++n) {
+        const AdapterValues& values = keys[n];
+        const std::wstring_view present = values.value[kPresent];
+        if (present.empty()) break;
+        if (present == L"FALSE") continue;
+        int type = 0;
+        for (const Connection& row : kConnectionTable) {
+            if (values.value[kConnectionType] == row.value) {
+                type = row.type;
+                break;
+            }
+        }
+        adapters.push_back({n, type, values.value[kStartConnected] != L"FALSE"});
+    }
+    return adapters;
+}
+
+// The "Networks" records of the listed adapters.
+typeProperty AdapterRecords(const std::vector<Adapter>& adapters) {
     // The keys made once: a VM may have many thousands of adapters.
     static const std::wstring kName = L"Name", kType = L"Type", kIsConnected = L"IsConnected",
                               kMacAddress = L"MacAddress";
     typeProperty networks;
-    for (size_t n = 0; n < adapters.size(); ++n) {
-        const AdapterValues& values = adapters[n];
-        const std::wstring_view present = values.value[kPresent];
-        if (present.empty()) break;
-        if (present == L"FALSE") continue;
-
+    std::wstring name = L"Network";  // "Network", then "Network 2", ...; made in place
+    const size_t stem = name.size();
+    for (const Adapter& a : adapters) {
+        name.resize(stem);
+        if (a.number > 0) (name += L' ') += std::to_wstring(a.number + 1);
         typeProperty adapter;
-        adapter.addMapVal(kName,
-                          n == 0 ? std::wstring(L"Network")
-                                 : L"Network " + CStringUtils::I32ToStr(static_cast<int>(n) + 1));
-        for (const Connection& row : kConnectionTable) {
-            if (values.value[kConnectionType] == row.value) {
-                adapter.addMapVal(kType, row.type);
-                break;
-            }
-        }
-        const bool disconnected = values.value[kStartConnected] == L"FALSE";
-        adapter.addMapVal(kIsConnected, disconnected ? 0 : 1);
+        adapter.addMapVal(kName, name);
+        if (a.type != 0) adapter.addMapVal(kType, a.type);
+        adapter.addMapVal(kIsConnected, a.connected ? 1 : 0);
         adapter.addMapVal(kMacAddress, std::wstring());
         networks.addVecVal(std::move(adapter));
     }
@@ -539,7 +558,11 @@ int VirtualMachineImpl_VmWareFusion1_GetInfoForVm(const std::wstring& vmIdentifi
                                  : StateFromMemoryFiles(isVmxPath ? folder : vmPath, state);
     if (rc < 0) return rc;
 
-    const typeProperty networks = ReadAdapters(vmx);
+    const std::vector<Adapter> adapters = ListAdapters(vmx);
+    // The text goes before the records are made: a VM with many adapters
+    // would hold both at once.
+    std::wstring().swap(vmx);
+    const typeProperty networks = AdapterRecords(adapters);
     description->addString(L"UserFriendlyName", displayName);
     description->addSubTree(L"OS", os);
     description->addInteger(L"State", state);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -79,17 +80,17 @@ struct typeProperty::MapData : Counted {
     using Index = std::unordered_set<size_t, Hash, Equal>;
 
     std::vector<Entry> entries;
-    Index index{0, Hash{this}, Equal{this}};
+    std::unique_ptr<Index> index;  // made when the map reaches kIndexThreshold keys
 
     MapData() = default;
     MapData(const MapData& other) : Counted(), entries(other.entries) { rebuildIndex(); }
     MapData& operator=(const MapData&) = delete;
 
     void rebuildIndex() {
-        index.clear();
+        index.reset();
         if (entries.size() < kIndexThreshold) return;
-        index.reserve(entries.size());
-        for (size_t i = 0; i < entries.size(); ++i) index.insert(i);
+        index = std::make_unique<Index>(entries.size(), Hash{this}, Equal{this});
+        for (size_t i = 0; i < entries.size(); ++i) index->insert(i);
     }
 
     const typeProperty* find(std::wstring_view key) const {
@@ -98,8 +99,8 @@ struct typeProperty::MapData : Counted {
                 if (e.first == key) return &e.second;
             return nullptr;
         }
-        const auto it = index.find(key);
-        return it == index.end() ? nullptr : &entries[*it].second;
+        const auto it = index->find(key);
+        return it == index->end() ? nullptr : &entries[*it].second;
     }
 
     // Takes both over: an add copies its key and value once, before the map
@@ -116,7 +117,7 @@ struct typeProperty::MapData : Counted {
         if (entries.size() == kIndexThreshold)
             rebuildIndex();
         else if (entries.size() > kIndexThreshold)
-            index.insert(entries.size() - 1);
+            index->insert(entries.size() - 1);
     }
 };
 
