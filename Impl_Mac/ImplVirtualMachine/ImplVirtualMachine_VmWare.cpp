@@ -362,7 +362,7 @@ typeProperty AdapterRecords(const std::vector<Adapter>& adapters) {
     const size_t stem = name.size();
     for (const Adapter& a : adapters) {
         name.resize(stem);
-        if (a.number > 0) (name += L' ') += std::to_wstring(a.number + 1);
+        if (a.number > 0) (name += L' ') += CStringUtils::I32ToStr(static_cast<int>(a.number) + 1);
         typeProperty adapter;
         adapter.addMapVal(kName, name);
         if (a.type != 0) adapter.addMapVal(kType, a.type);
