@@ -5,7 +5,6 @@
 // reports and settings files of several VirtualBox generations only agree on
 // these markers.
 #include <algorithm>
-#include <climits>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -131,16 +130,10 @@ public:
     explicit NicIndex(std::wstring_view report) : text_(report) {
         for (size_t at = text_.find_first_of(L"Nn"); at != npos;
              at = text_.find_first_of(L"Nn", at + 1)) {
-            if (!ImplVm::MatchesFoldedAt(text_, at, kNicWord)) continue;
-            size_t p = at + kNicWord.size();
-            const size_t digits = p;
-            long long n = 0;
-            while (p < text_.size() && text_[p] >= L'0' && text_[p] <= L'9' && n <= INT_MAX)
-                n = n * 10 + (text_[p++] - L'0');
-            if (p == digits || n > INT_MAX || (text_[digits] == L'0' && p - digits > 1) ||
-                text_.substr(p, kNicColon.size()) != kNicColon)
-                continue;
-            Key& key = keys_[static_cast<int>(n)];
+            int n = 0;
+            const size_t p = ImplVm::NumberedKeyAt(text_, at, kNicWord, n);
+            if (p == npos || text_.substr(p, kNicColon.size()) != kNicColon) continue;
+            Key& key = keys_[n];
             if (key.folded == npos) key.folded = at;
             if (!key.exact) key.exact = text_.substr(at, kNicWord.size()) == kNicWord;
             key.length = p + kNicColon.size() - at;

@@ -2,7 +2,6 @@
 // reader with its guest-OS table and power-state rules, and the power and
 // snapshot actions through vmrun.
 #include <array>
-#include <climits>
 #include <span>
 #include <string>
 #include <string_view>
@@ -296,15 +295,10 @@ std::vector<AdapterValues> ScanAdapters(std::wstring_view vmx) {
         return valueEnd;
     };
     for (size_t at = 0; at + kEthernet.size() <= vmx.size(); ++at) {
-        if ((vmx[at] | 0x20) != L'e' || !ImplVm::MatchesFoldedAt(vmx, at, kEthernet)) continue;
-        size_t p = at + kEthernet.size();
-        const size_t digits = p;
-        long long n = 0;
-        while (p < vmx.size() && vmx[p] >= L'0' && vmx[p] <= L'9' && n <= INT_MAX)
-            n = n * 10 + (vmx[p++] - L'0');
-        // The key names adapter n only as its plain decimal, then a dot.
-        if (p == digits || n > INT_MAX || (vmx[digits] == L'0' && p - digits > 1) ||
-            p >= vmx.size() || vmx[p] != L'.' || static_cast<size_t>(n) >= reachable)
+        if ((vmx[at] | 0x20) != L'e') continue;
+        int n = 0;
+        size_t p = ImplVm::NumberedKeyAt(vmx, at, kEthernet, n);
+        if (p == npos || p >= vmx.size() || vmx[p] != L'.' || static_cast<size_t>(n) >= reachable)
             continue;
         ++p;
         for (int f = 0; f < kAdapterFields; ++f) {
