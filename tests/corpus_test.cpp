@@ -65,8 +65,14 @@ std::vector<CorpusCase> ListCorpus() {
     return cases;
 }
 
+// A case's expectation: tests/corpus/expected/<corpus path>.json, or, for a
+// folder of short cases, the entry named after the file in
+// tests/corpus/expected/<folder>.json.
 fs::path ExpectedFor(const std::string& relative) {
     return (kExpected / relative).replace_extension(".json");
+}
+fs::path FolderExpectationsFor(const std::string& relative) {
+    return kExpected / (fs::path(relative).parent_path().string() + ".json");
 }
 
 // Vendor templates and fixtures hold placeholders: setup's "fill" replaces
@@ -207,10 +213,14 @@ TEST_P(Corpus, MatchesExpectation) {
     const CorpusCase& c = GetParam();
     if (c.relative.empty())
         GTEST_SKIP() << "no corpus at " << kCorpus << ": real-world cases not run";
-    const fs::path expectedFile = ExpectedFor(c.relative);
-    ASSERT_TRUE(fs::exists(expectedFile))
+    const fs::path expectedFile = ExpectedFor(c.relative),
+                   folderFile = FolderExpectationsFor(c.relative);
+    const std::string fileName = fs::path(c.relative).filename().string();
+    const Json shared = fs::exists(folderFile) ? Json::parse(ReadBytes(folderFile)) : Json();
+    ASSERT_TRUE(fs::exists(expectedFile) || shared.contains(fileName))
         << c.relative << " has no expectation: write " << expectedFile << " from the rules";
-    const Json expected = Json::parse(ReadBytes(expectedFile));
+    const Json expected =
+        fs::exists(expectedFile) ? Json::parse(ReadBytes(expectedFile)) : shared.at(fileName);
     Json setup = expected.at("setup");
     const std::string fusion = setup.value("fusion", "");
     implvm_test::TestMachine mac;
@@ -281,10 +291,19 @@ INSTANTIATE_TEST_SUITE_P(Files, Corpus, testing::ValuesIn(ListCorpus()),
 TEST(CorpusExpectations, EachHasItsFile) {
     if (!fs::is_directory(kCorpus)) GTEST_SKIP() << "no corpus at " << kCorpus;
     std::set<fs::path> wanted;
-    for (const auto& c : ListCorpus()) wanted.insert(ExpectedFor(c.relative));
+    std::map<fs::path, std::set<std::string>> inFolders;
+    for (const auto& c : ListCorpus()) {
+        wanted.insert(ExpectedFor(c.relative));
+        inFolders[FolderExpectationsFor(c.relative)].insert(
+            fs::path(c.relative).filename().string());
+    }
     for (const auto& entry : fs::recursive_directory_iterator(kExpected)) {
-        if (!entry.is_regular_file()) continue;
-        EXPECT_TRUE(wanted.count(entry.path())) << entry.path() << " has no corpus file";
+        if (!entry.is_regular_file() || wanted.count(entry.path())) continue;
+        const auto folder = inFolders.find(entry.path());
+        ASSERT_NE(folder, inFolders.end()) << entry.path() << " has no corpus file";
+        const Json cases = Json::parse(ReadBytes(entry.path()));
+        for (const auto& [name, expectation] : cases.items())
+            EXPECT_TRUE(folder->second.count(name)) << entry.path() << ": " << name << " is gone";
     }
 }
 
