@@ -12,6 +12,7 @@
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Failpoints.h"
 #include "KALDO/MachineRoot.h"
+#include "Vocabulary.h"
 
 namespace implvm {
 
@@ -123,26 +124,9 @@ KALDO::typeProperty TextInputs(const std::vector<std::pair<const wchar_t*, std::
 }
 
 const char* CodeMeaning(int code) {
-    switch (code) {
-        case -1:
-            return "failed";
-        case -2:
-            return "not found";
-        case -3:
-            return "a required input is missing or invalid";
-        case -4:
-            return "refused by the system or the hypervisor";
-        case -5:
-            return "nothing changed since the last snapshot";
-        case -6:
-            return "the VM, its configuration file or the snapshot cannot be found or opened";
-        case -7:
-            return "a tool ran past its time limit";
-        case -32:
-            return "the VM is locked or busy";
-        default:
-            return code < 0 ? "failed" : "done";
-    }
+    if (const ImplVm::Naming* naming = ImplVm::NamingOf(ImplVm::kCodeNames, code))
+        return naming->label.data();
+    return code < 0 ? "failed" : "done";
 }
 
 std::string CommandFooter(const std::string& notes, const std::string& exitStatus) {

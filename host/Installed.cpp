@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cwctype>
+#include <utility>
 
 #include "KALDO/CFileUtils.h"
 #include "KALDO/CSoftwareVersion.h"
@@ -13,79 +14,35 @@ namespace implvm {
 namespace {
 
 constexpr ProductFacts kFacts[] = {
-    {"parallels", "Parallels Desktop", "com.parallels.desktop.console", 4},
-    {"vmware", "VMware Fusion", "com.vmware.fusion", 1},
-    {"virtualbox", "VirtualBox", "org.virtualbox.app.VirtualBox", 2},
+    {"parallels", "Parallels Desktop", "com.parallels.desktop.console"},
+    {"vmware", "VMware Fusion", "com.vmware.fusion"},
+    {"virtualbox", "VirtualBox", "org.virtualbox.app.VirtualBox"},
 };
 
-void Offer(ProductMethods& methods, VmAction action, ActionMethod method) {
-    methods.actions[static_cast<size_t>(action)] = method;
-}
+using ImplVm::Role;
 
-// Parallels Desktop 4 and later are read from their files; 9 brought prlctl,
-// which the 9.x methods run on the VM's configuration file. Before 9 a VM can
-// only be opened (started) in the application.
-ProductMethods ParallelsMethods(int major) {
-    ProductMethods m;
-    if (major < 4) return m;
-    m.enumerate = "VirtualMachineImpl_Parallels4_EnumerateVMs";
-    m.info = "VirtualMachineImpl_Parallels4_GetVMInfo";
-    m.network = "VirtualMachineImpl_Parallels4_GetVMNetwork";
-    if (major < 9) {
-        Offer(m, VmAction::kStart, {"VirtualMachineImpl_Parallels4_StartVM"});
-        return m;
-    }
-    constexpr const char* kOperate = "ImplVirtualMachine_Parallels_9_X_OperateVM";
-    Offer(m, VmAction::kStart,
-          {"ImplVirtualMachine_Parallels_9_X_StartVM", nullptr, VmArgument::kConfigFile});
-    Offer(m, VmAction::kStop, {kOperate, "stop", VmArgument::kConfigFile});
-    Offer(m, VmAction::kSuspend, {kOperate, "suspend", VmArgument::kConfigFile});
-    Offer(m, VmAction::kPause, {kOperate, "pause", VmArgument::kConfigFile});
-    Offer(m, VmAction::kResume, {kOperate, "resume", VmArgument::kConfigFile});
-    return m;
-}
+// The host's actions as the module's method list names their roles.
+constexpr std::pair<Role, VmAction> kActionRoles[] = {
+    {Role::kStart, VmAction::kStart},
+    {Role::kStop, VmAction::kStop},
+    {Role::kSuspend, VmAction::kSuspend},
+    {Role::kPause, VmAction::kPause},
+    {Role::kResume, VmAction::kResume},
+    {Role::kSnapshotTake, VmAction::kSnapshotTake},
+    {Role::kSnapshotDelete, VmAction::kSnapshotDelete},
+    {Role::kSnapshotList, VmAction::kSnapshotList},
+};
 
-// Fusion 1 to 4 keep the VM library in the preferences, 5 and later in the
-// vmInventory file. vmrun offers no pause; the snapshot methods were written
-// for Fusion 4.
-ProductMethods FusionMethods(int major) {
-    ProductMethods m;
-    if (major < 1) return m;
-    m.enumerate = major >= 5 ? "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs"
-                             : "VirtualMachineImpl_VmWareFusion1_EnumerateVMs";
-    m.info = "VirtualMachineImpl_VmWareFusion1_GetVMInfo";
-    m.network = "VirtualMachineImpl_VmWareFusion1_GetVMNetwork";
-    Offer(m, VmAction::kStart, {"VirtualMachineImpl_VmWareFusion1_StartVM"});
-    Offer(m, VmAction::kStop, {"VirtualMachineImpl_VmWareFusion1_StopVM"});
-    Offer(m, VmAction::kSuspend, {"VirtualMachineImpl_VmWareFusion1_SuspendVM"});
-    if (major >= 4) {
-        Offer(m, VmAction::kSnapshotTake, {"VirtualMachineImpl_VmWareFusion4_AddSnapshot"});
-        Offer(m, VmAction::kSnapshotDelete, {"VirtualMachineImpl_VmWareFusion4_DeleteSnapshot"});
-        Offer(m, VmAction::kSnapshotList, {"VirtualMachineImpl_VmWareFusion4_ListSnapshots"});
-    }
-    return m;
-}
+// An operating method does these, told which by its "COMMAND" input.
+constexpr std::pair<VmAction, const char*> kOperations[] = {
+    {VmAction::kStop, "stop"},
+    {VmAction::kSuspend, "suspend"},
+    {VmAction::kPause, "pause"},
+    {VmAction::kResume, "resume"},
+};
 
-// VirtualBox 2 and later are read from VirtualBox.xml and showvminfo; the
-// actions, for 4 and later, name the machine by its UUID, which VBoxManage
-// takes as readily as a name and which, unlike a name, is never shared.
-// VBoxManage's save-state is not among them, so there is no suspend.
-ProductMethods VirtualBoxMethods(int major) {
-    ProductMethods m;
-    if (major < 2) return m;
-    m.enumerate = "VirtualMachineImpl_VirtualBox2_EnumerateVMs";
-    m.info = "VirtualMachineImpl_VirtualBox2_GetVMInfo";
-    m.network = "VirtualMachineImpl_VirtualBox2_GetVMNetwork";
-    if (major < 4) return m;
-    Offer(m, VmAction::kStart,
-          {"VirtualMachineImpl_VirtualBox_4_X_StartVM", nullptr, VmArgument::kMachineUuid});
-    Offer(m, VmAction::kStop,
-          {"VirtualMachineImpl_VirtualBox_4_X_StopVM", nullptr, VmArgument::kMachineUuid});
-    Offer(m, VmAction::kPause,
-          {"VirtualMachineImpl_VirtualBox_4_X_PauseVM", nullptr, VmArgument::kMachineUuid});
-    Offer(m, VmAction::kResume,
-          {"VirtualMachineImpl_VirtualBox_4_X_ResumeVM", nullptr, VmArgument::kMachineUuid});
-    return m;
+bool Serves(const ImplVm::MethodEntry& method, Hypervisor hypervisor, int major) {
+    return method.product == hypervisor && major >= method.firstMajor && major <= method.lastMajor;
 }
 
 bool IsUuid(const std::wstring& text) {
@@ -110,16 +67,30 @@ const ProductFacts& FactsOf(Hypervisor hypervisor) {
     return kFacts[static_cast<size_t>(hypervisor)];
 }
 
+int OldestServed(Hypervisor hypervisor) {
+    int oldest = ImplVm::kAnyLater;
+    for (const ImplVm::MethodEntry& method : ImplVm::kMethods)
+        if (method.product == hypervisor) oldest = std::min(oldest, method.firstMajor);
+    return oldest;
+}
+
 ProductMethods MethodsFor(Hypervisor hypervisor, int majorVersion) {
-    switch (hypervisor) {
-        case Hypervisor::kParallels:
-            return ParallelsMethods(majorVersion);
-        case Hypervisor::kVmWareFusion:
-            return FusionMethods(majorVersion);
-        case Hypervisor::kVirtualBox:
-            return VirtualBoxMethods(majorVersion);
+    ProductMethods m;
+    for (const ImplVm::MethodEntry& method : ImplVm::kMethods) {
+        if (!Serves(method, hypervisor, majorVersion)) continue;
+        // The list's names are literals, so their views end in a NUL.
+        const char* name = method.name.data();
+        const ActionMethod action{name, nullptr, method.argument};
+        if (method.role == Role::kEnumerate) m.enumerate = name;
+        if (method.role == Role::kInfo) m.info = name;
+        if (method.role == Role::kNetwork) m.network = name;
+        for (const auto& [role, vmAction] : kActionRoles)
+            if (method.role == role) m.actions[static_cast<size_t>(vmAction)] = action;
+        if (method.role == Role::kOperate)
+            for (const auto& [vmAction, command] : kOperations)
+                m.actions[static_cast<size_t>(vmAction)] = {name, command, method.argument};
     }
-    return {};
+    return m;
 }
 
 Product FindProduct(const Module& module, Hypervisor hypervisor) {

@@ -14,11 +14,12 @@
 #include <array>
 #include <string>
 
+#include "Methods.h"
 #include "ModuleLoader.h"
 
 namespace implvm {
 
-enum class Hypervisor { kParallels, kVmWareFusion, kVirtualBox };
+using Hypervisor = ImplVm::Hypervisor;
 
 inline constexpr std::array<Hypervisor, 3> kHypervisors = {
     Hypervisor::kParallels, Hypervisor::kVmWareFusion, Hypervisor::kVirtualBox};
@@ -28,20 +29,16 @@ struct ProductFacts {
     const char* key;       // short stable name: "parallels", "vmware", "virtualbox"
     const char* name;      // the product's name as its maker writes it
     const char* bundleId;  // CFBundleIdentifier of its application bundle
-    int oldestServed;      // the first major version any of the module's methods is for
 };
 
 const ProductFacts& FactsOf(Hypervisor hypervisor);
 
+// The first major version any of the module's methods is for.
+int OldestServed(Hypervisor hypervisor);
+
 // What a VM action method wants under "Name", made from the VM identifier
 // that the product's enumeration lists.
-enum class VmArgument {
-    kIdentifier,  // the identifier as listed
-    kConfigFile,  // the configuration file inside the listed bundle (ConfigFileOf)
-    // The machine's UUID from the listed settings file (MachineUuidOf): a
-    // name may belong to several machines, a UUID to one.
-    kMachineUuid,
-};
+using VmArgument = ImplVm::Argument;
 
 // The method that performs one action, or none (a null method) when the
 // installed version's methods do not offer it.

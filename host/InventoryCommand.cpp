@@ -15,6 +15,7 @@
 #include "Installed.h"
 #include "KALDO/CStringUtils.h"
 #include "TerminalText.h"
+#include "Vocabulary.h"
 
 namespace implvm {
 
@@ -89,7 +90,7 @@ Json HypervisorSection(Pass& pass, const Product& product) {
         {"version", product.installed ? Json(product.version) : Json(nullptr)},
         {"appPath", product.installed ? Json(product.appPath) : Json(nullptr)},
         {"served", product.served()},
-        {"oldestServed", facts.oldestServed},
+        {"oldestServed", OldestServed(product.hypervisor)},
         {"productVersion", Json{{"method", "VirtualMachineImpl_Common_GetProductVersion"}}},
         {"methods",
          {{"enumerate", NullableText(product.methods.enumerate)},
@@ -198,43 +199,24 @@ bool Failed(const Json& call) {
     return Integer(call, "result", -1) < 0;
 }
 
+// The vocabulary's label of a value, `otherwise` for a value it does not
+// name.
+template <size_t N>
+const char* Label(const ImplVm::Naming (&table)[N], int value, const char* otherwise) {
+    const ImplVm::Naming* naming = ImplVm::NamingOf(table, value);
+    return naming != nullptr ? naming->label.data() : otherwise;
+}
+
 const char* StateWord(int state) {
-    switch (state) {
-        case 1:
-            return "running";
-        case 2:
-            return "suspended/paused";
-        case 3:
-            return "stopped";
-        default:
-            return "unknown";
-    }
+    return Label(ImplVm::kStateNames, state, "unknown");
 }
 
 const char* FamilyWord(int type) {
-    switch (type) {
-        case 1:
-            return "Linux";
-        case 2:
-            return "Mac OS X";
-        case 3:
-            return "Windows";
-        default:
-            return "other";
-    }
+    return Label(ImplVm::kOsFamilyNames, type, "other");
 }
 
 const char* AttachmentWord(int type) {
-    switch (type) {
-        case 1:
-            return "NAT";
-        case 2:
-            return "bridged";
-        case 3:
-            return "host-only";
-        default:
-            return "other";
-    }
+    return Label(ImplVm::kAttachmentNames, type, "other");
 }
 
 std::string GuestText(const Json& os) {
@@ -362,11 +344,11 @@ std::string Verdict(const Json& check) {
     const Json& out = check["outputs"];
     const std::string vendor = Text(out, "VMCompanyName");
     switch (Integer(out, "IsMachineVirtual", -1)) {
-        case 0:
+        case ImplVm::kNotVirtual:
             return "not a virtual machine";
-        case 1:
+        case ImplVm::kVirtual:
             return "a virtual machine (" + (vendor.empty() ? "vendor unknown" : vendor) + ")";
-        case 2:
+        case ImplVm::kPerhapsVirtual:
             return "perhaps a virtual machine (an adapter's address could not be read)";
         default:
             return "no verdict";

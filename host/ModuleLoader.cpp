@@ -10,11 +10,10 @@
 #include <filesystem>
 #include <optional>
 
-#include "ElfSymbols.h"
 #include "KALDO/CSoftwareVersion.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Result.h"
-#include "MethodNames.h"
+#include "Methods.h"
 
 namespace implvm {
 
@@ -27,8 +26,7 @@ constexpr const char* kModuleFileName = "libImplVirtualMachine.so";
 #endif
 
 bool IsKnownMethod(const std::string& name) {
-    return std::find(std::begin(kMethodNames), std::end(kMethodNames), name) !=
-           std::end(kMethodNames);
+    return ImplVm::FindMethod(name) != nullptr;
 }
 
 std::string RealPath(const std::string& path) {
@@ -136,12 +134,10 @@ bool Module::hasMethod(const std::string& name) const {
 }
 
 std::vector<std::string> Module::methods() const {
-    const ElfExports exports = ReadElfExports(path_);
     std::vector<std::string> names;
-    for (const char* name : kMethodNames) {
-        const bool exported =
-            exports.ok() ? exports.functions.count(name) != 0 : ::dlsym(handle_, name) != nullptr;
-        if (exported) names.emplace_back(name);
+    for (const ImplVm::MethodEntry& method : ImplVm::kMethods) {
+        const std::string name(method.name);
+        if (::dlsym(handle_, name.c_str()) != nullptr) names.push_back(name);
     }
     return names;
 }

@@ -53,9 +53,8 @@ public:
 
     const std::string& path() const { return path_; }
 
-    // The method functions the module exports, in the order of the module's
-    // header. Read from the file's dynamic symbol table; where that is not
-    // ELF, from what the loaded module resolves.
+    // The method functions the loaded module resolves, in the order of the
+    // module's method list.
     std::vector<std::string> methods() const;
     bool hasMethod(const std::string& name) const;
 

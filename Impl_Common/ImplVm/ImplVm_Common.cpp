@@ -2,49 +2,37 @@
 // interfaces' hardware addresses: hypervisors hand their virtual network
 // cards addresses from their vendors' own blocks. Nothing here depends on the
 // platform beyond the support library's network calls.
+#include <iterator>
 #include <string>
 #include <vector>
 
-#include "ImplVirtualMachine.h"
 #include "KALDO/CNetworkUtils.h"
 #include "MethodFrame.h"
+#include "Methods.h"
+#include "TextRules.h"
 
 using KALDO::CSoftwareVersion;
 using KALDO::typeProperty;
 
 namespace {
 
-struct VendorBlock {
-    const wchar_t* prefix;  // upper-case pairs, as GetMACAddress renders them
-    const wchar_t* vendor;
+// Hypervisors' own blocks of addresses (upper-case pairs, as GetMACAddress
+// renders them), found anywhere in an address: a prefix that matches later
+// in the text still wins over one further down the table.
+constexpr ImplVm::TextRule<const wchar_t*> kVendorBlocks[] = {
+    {L"00:0C:29", ImplVm::Where::kAnywhere, L"VMware, Inc."},
+    {L"00:13:17", ImplVm::Where::kAnywhere, L"Paravirtual corporation"},
+    {L"00:0F:4B", ImplVm::Where::kAnywhere, L"Virtual Iron Software, Inc."},
+    {L"00:16:3E", ImplVm::Where::kAnywhere, L"Xensource, Inc."},
+    {L"08:00:27", ImplVm::Where::kAnywhere, L"Oracle Corporation"},
 };
-
-constexpr VendorBlock kVendorBlocks[] = {
-    {L"00:0C:29", L"VMware, Inc."},
-    {L"00:13:17", L"Paravirtual corporation"},
-    {L"00:0F:4B", L"Virtual Iron Software, Inc."},
-    {L"00:16:3E", L"Xensource, Inc."},
-    {L"08:00:27", L"Oracle Corporation"},
-};
+static_assert(ImplVm::FirstShadowedRule(kVendorBlocks) == std::size(kVendorBlocks));
 
 constexpr const wchar_t* kUnknownVendor = L"Unknown";
-
-// The table lives in a tree made afresh per call; its key list sets the
-// order in which prefixes are tried.
-typeProperty VendorTable() {
-    typeProperty table;
-    table.changeTypeToMap();
-    for (const VendorBlock& block : kVendorBlocks) table.addMapVal(block.prefix, block.vendor);
-    return table;
-}
 
 }  // namespace
 
 int macAddressCheck(std::wstring& vendor) try {
-    const typeProperty table = VendorTable();
-    std::vector<std::wstring> prefixes;
-    table.getMapKeys(prefixes);
-
     std::vector<typeProperty> devices;
     const int listed = KALDO::CNetworkUtils::GetNetworkDevices(devices);
     if (listed < 0) return IMPLVM_FAIL(listed);
@@ -56,18 +44,15 @@ int macAddressCheck(std::wstring& vendor) try {
             ++unreadable;
             continue;
         }
-        // Anywhere in the text, not only at its start: the first prefix in
-        // key order wins even when another one sits earlier in the address.
-        for (const std::wstring& prefix : prefixes) {
-            if (address.find(prefix) == std::wstring::npos) continue;
-            table.getMapVal(prefix, vendor);
-            return 0;
-        }
+        const wchar_t* const found = ImplVm::FirstMatch(kVendorBlocks, address, nullptr);
+        if (found == nullptr) continue;
+        vendor = found;
+        return ImplVm::kDone;
     }
     // An unreadable address may have been the virtual one: say "cannot
-    // tell" (-6) rather than "not virtual" (-1).
-    if (unreadable != 0) return IMPLVM_RECORD(-6);
-    return IMPLVM_RECORD(-1);
+    // tell" rather than "not virtual".
+    if (unreadable != 0) return IMPLVM_RECORD(ImplVm::kNotFound);
+    return IMPLVM_RECORD(ImplVm::kFailed);
 }
 IMPLVM_BOUNDARY
 
@@ -76,18 +61,18 @@ int ImplVm_Common_IsMachineVirtual(int, int, int, const CSoftwareVersion*, const
     std::wstring vendor = kUnknownVendor;
     // The check's failure stays in the error log; the host gets an answer.
     switch (macAddressCheck(vendor)) {
-        case 0:
+        case ImplVm::kDone:
             outputs->addString(L"VMCompanyName", vendor);
-            outputs->addInteger(L"IsMachineVirtual", 1);
+            outputs->addInteger(L"IsMachineVirtual", ImplVm::kVirtual);
             break;
-        case -6:
+        case ImplVm::kNotFound:
             outputs->addString(L"VMCompanyName", kUnknownVendor);
-            outputs->addInteger(L"IsMachineVirtual", 2);
+            outputs->addInteger(L"IsMachineVirtual", ImplVm::kPerhapsVirtual);
             break;
         default:
-            outputs->addInteger(L"IsMachineVirtual", 0);
+            outputs->addInteger(L"IsMachineVirtual", ImplVm::kNotVirtual);
             break;
     }
-    return 0;
+    return ImplVm::kDone;
 }
 IMPLVM_BOUNDARY

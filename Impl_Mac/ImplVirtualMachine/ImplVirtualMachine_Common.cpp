@@ -11,6 +11,7 @@
 #include "KALDO/CProcessUtils.h"
 #include "KALDO/CStringUtils.h"
 #include "MethodFrame.h"
+#include "TextRules.h"
 
 using KALDO::CSoftwareVersion;
 using KALDO::typeProperty;
@@ -26,24 +27,20 @@ constexpr const wchar_t* kProfilerDataTypes[] = {
     L"SPHardwareRAIDDataType", L"SPParallelSCSIDataType", L"SPStorageDataType",
 };
 
-struct HardwareMarker {
-    const wchar_t* marker;  // case-sensitive, anywhere in the report
-    const wchar_t* vendor;
-};
-
-// Tried in this order: a report naming both counts as VMware.
-constexpr HardwareMarker kHardwareMarkers[] = {
-    {L"VMware", L"VMware, Inc."},
-    {L"VBOX", L"Oracle Corporation"},
+// Case-sensitive, anywhere in the report: a report naming both counts as
+// VMware.
+constexpr ImplVm::TextRule<const wchar_t*> kHardwareMarkers[] = {
+    {L"VMware", ImplVm::Where::kAnywhere, L"VMware, Inc."},
+    {L"VBOX", ImplVm::Where::kAnywhere, L"Oracle Corporation"},
 };
 
 }  // namespace
 
 int VirtualMachineImpl_Common_GetModuleVersion(int, int, int, const CSoftwareVersion*,
                                                const typeProperty*, typeProperty* outputs) try {
-    if (outputs == nullptr) return 0;
+    if (outputs == nullptr) return ImplVm::kDone;
     outputs->setString(kModuleVersion);
-    return 0;
+    return ImplVm::kDone;
 }
 IMPLVM_BOUNDARY
 
@@ -54,7 +51,7 @@ int VirtualMachineImpl_Common_GetProductVersion(int context1, int context2, int 
     typeProperty merged;
     if (KALDO::CDbUtils::getInputsForMethod(context1, context2, context3, version, inputs,
                                             &merged) < 0)
-        return IMPLVM_RECORD(-1);
+        return IMPLVM_RECORD(ImplVm::kFailed);
     // The library's own code, success included, is the answer.
     return IMPLVM_RECORD(KALDO::CAppleUtils::GetProductVersion(merged, *outputs));
 }
@@ -64,12 +61,12 @@ int VirtualMachineImpl_Common_GetHypervisorType(int, int, int, const CSoftwareVe
                                                 const typeProperty* inputs,
                                                 typeProperty* outputs) try {
     // Unlike every other method, a missing input here is -3 and no record.
-    if (inputs == nullptr) return -3;
+    if (inputs == nullptr) return ImplVm::kBadInput;
     std::wstring hyperType;
-    if (outputs == nullptr) return -3;
-    if (ImplVm::ReadInput(inputs, L"HYPER_TYPE", hyperType) < 0) return -3;
+    if (outputs == nullptr) return ImplVm::kBadInput;
+    if (ImplVm::ReadInput(inputs, L"HYPER_TYPE", hyperType) < 0) return ImplVm::kBadInput;
     outputs->addInteger(L"HypervisorType", KALDO::CStringUtils::StrToI32(hyperType));
-    return 0;
+    return ImplVm::kDone;
 }
 IMPLVM_BOUNDARY
 
@@ -81,15 +78,14 @@ int VirtualMachineImpl_Common_IsMachineVirtual(int, int, int, const CSoftwareVer
     std::wstring report;
     if (KALDO::CProcessUtils::ExecuteSafeToText(L"system_profiler", arguments, exitCode, &report,
                                                 nullptr, nullptr) < 0)
-        return IMPLVM_RECORD(-1);
+        return IMPLVM_RECORD(ImplVm::kFailed);
 
-    for (const HardwareMarker& entry : kHardwareMarkers) {
-        if (report.find(entry.marker) == std::wstring::npos) continue;
-        outputs->addInteger(L"IsMachineVirtual", 1);
-        outputs->addString(L"VMCompanyName", entry.vendor);
-        return 0;
+    if (const wchar_t* vendor = ImplVm::FirstMatch(kHardwareMarkers, report, nullptr)) {
+        outputs->addInteger(L"IsMachineVirtual", ImplVm::kVirtual);
+        outputs->addString(L"VMCompanyName", vendor);
+        return ImplVm::kDone;
     }
-    outputs->addInteger(L"IsMachineVirtual", 0);
-    return 0;
+    outputs->addInteger(L"IsMachineVirtual", ImplVm::kNotVirtual);
+    return ImplVm::kDone;
 }
 IMPLVM_BOUNDARY

@@ -7,7 +7,6 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <string>
@@ -20,6 +19,7 @@
 #include "KALDO/CProcessUtils.h"
 #include "KALDO/CStringUtils.h"
 #include "MethodFrame.h"
+#include "TextRules.h"
 
 using KALDO::CAppleUtils;
 using KALDO::CFileUtils;
@@ -40,60 +40,54 @@ const std::wstring kPrlctl = L"/Applications/Parallels Desktop.app/Contents/MacO
 constexpr int kServiceLookups = 40;
 constexpr int kStartAttempts = 40;
 
-// prlctl's answers that decide a start attempt or an operation.
-const std::wstring kServiceDown = L"Login failed: Unable to connect to Parallels Service";
-const std::wstring kStartRefused = L"Failed to start the VM: Unable to complete the operation";
-const std::wstring kStarting = L"Starting the VM...";
-const std::wstring kAlreadyRunning = L"is not stopped";
-const std::wstring kStarted = L"The VM has been successfully started";
-const std::wstring kLoginFailed = L"Login failed: Unable";
+using ImplVm::Where;
 
-// <OsType> -> "OS"/"Type". Anything else is 0 (other).
-struct OsTypeRow {
-    const wchar_t* osType;
-    int type;
+// prlctl's answers that decide a start attempt or an operation, on its
+// error text...
+constexpr ImplVm::TextRule<int> kRefusals[] = {
+    {L"Login failed: Unable to connect to Parallels Service", Where::kAnywhere, ImplVm::kRefused},
+    {L"Failed to start the VM: Unable to complete the operation", Where::kAnywhere,
+     ImplVm::kRefused},
 };
-constexpr OsTypeRow kOsTypes[] = {
-    {L"9", 1},  // Linux
-    {L"7", 2},  // Mac OS X
-    {L"8", 3},  // Windows
+constexpr ImplVm::TextRule<int> kOperationRefusals[] = {
+    {L"Login failed: Unable", Where::kAnywhere, ImplVm::kRefused},
 };
-constexpr int kOtherOsType = 0;
+// ... and on its output, once it said it is starting the VM.
+const std::wstring kStarting = L"Starting the VM...";
+constexpr ImplVm::TextRule<bool> kStartedAnswers[] = {
+    {L"is not stopped", Where::kAnywhere, true},
+    {L"The VM has been successfully started", Where::kAnywhere, true},
+};
+
+// <OsType> -> "OS"/"Type". Anything else is other.
+constexpr ImplVm::TextRule<ImplVm::OsFamily> kOsTypes[] = {
+    {L"9", Where::kWhole, ImplVm::kLinux},
+    {L"7", Where::kWhole, ImplVm::kMacOs},
+    {L"8", Where::kWhole, ImplVm::kWindows},
+};
 
 // <OsNumber> -> "OS"/"Distribution". Deliberately closed: every other number
 // is reported as Linux, whatever the guest is.
-struct DistributionRow {
-    const wchar_t* osNumber;
-    const wchar_t* distribution;
-};
-constexpr DistributionRow kDistributions[] = {
-    {L"1794", L"Mac OS X Server 10.5"}, {L"2049", L"Windows 3.11"},
-    {L"2050", L"Windows 95"},           {L"2051", L"Windows 98"},
-    {L"2052", L"Windows ME"},           {L"2053", L"Windows NT"},
-    {L"2054", L"Windows 2000"},         {L"2055", L"Windows XP"},
-    {L"2056", L"Windows Server 2003"},  {L"2057", L"Windows Vista"},
-    {L"2058", L"Windows Server 2008"},
+constexpr ImplVm::TextRule<const wchar_t*> kDistributions[] = {
+    {L"1794", Where::kWhole, L"Mac OS X Server 10.5"}, {L"2049", Where::kWhole, L"Windows 3.11"},
+    {L"2050", Where::kWhole, L"Windows 95"},           {L"2051", Where::kWhole, L"Windows 98"},
+    {L"2052", Where::kWhole, L"Windows ME"},           {L"2053", Where::kWhole, L"Windows NT"},
+    {L"2054", Where::kWhole, L"Windows 2000"},         {L"2055", Where::kWhole, L"Windows XP"},
+    {L"2056", Where::kWhole, L"Windows Server 2003"},  {L"2057", Where::kWhole, L"Windows Vista"},
+    {L"2058", Where::kWhole, L"Windows Server 2008"},
 };
 constexpr const wchar_t* kOtherDistribution = L"Linux";
 
 // <EmulatedType> -> "Networks"/"Type". Any other attachment gets no "Type".
-struct EmulatedTypeRow {
-    const wchar_t* emulatedType;
-    int type;
-};
-constexpr EmulatedTypeRow kEmulatedTypes[] = {
-    {L"0", 3},  // host-only
-    {L"1", 1},  // shared (NAT)
-    {L"2", 2},  // bridged
+constexpr ImplVm::TextRule<ImplVm::Attachment> kEmulatedTypes[] = {
+    {L"0", Where::kWhole, ImplVm::kHostOnly},
+    {L"1", Where::kWhole, ImplVm::kNat},
+    {L"2", Where::kWhole, ImplVm::kBridged},
 };
 
-// The row whose first column equals `key` exactly, or null.
-template <typename Row, size_t N, typename Key>
-const Row* FindRow(const Row (&table)[N], Key Row::*column, const std::wstring& key) {
-    const auto it = std::find_if(std::begin(table), std::end(table),
-                                 [&](const Row& row) { return key == row.*column; });
-    return it == std::end(table) ? nullptr : it;
-}
+static_assert(ImplVm::FirstShadowedRule(kOsTypes) == std::size(kOsTypes));
+static_assert(ImplVm::FirstShadowedRule(kDistributions) == std::size(kDistributions));
+static_assert(ImplVm::FirstShadowedRule(kEmulatedTypes) == std::size(kEmulatedTypes));
 
 bool Contains(const std::wstring& text, const std::wstring& part) {
     return text.find(part) != std::wstring::npos;
@@ -115,7 +109,7 @@ void CutAfterBundle(std::wstring& home) {
 
 // "State" from the names of the bundle's entries: a memory file means the VM
 // is up; a saved configuration beside it means it is suspended.
-int StateFromEntries(const std::vector<std::wstring>& entries) {
+ImplVm::VmState StateFromEntries(const std::vector<std::wstring>& entries) {
     bool memory = false;
     bool saved = false;
     for (const std::wstring& entry : entries) {
@@ -124,8 +118,8 @@ int StateFromEntries(const std::vector<std::wstring>& entries) {
         else if (entry == L"config.sav")
             saved = true;
     }
-    if (!memory) return 3;
-    return saved ? 2 : 1;
+    if (!memory) return ImplVm::kStopped;
+    return saved ? ImplVm::kSuspended : ImplVm::kRunning;
 }
 
 // One "Networks" element from a <NetworkAdapter> body; `number` is the
@@ -137,9 +131,9 @@ typeProperty AdapterRecord(const std::wstring& body, int number) {
     typeProperty adapter;
     adapter.addMapVal(L"Name", name);
     const std::wstring emulated = ElementText(body, L"<EmulatedType>", L"</EmulatedType>");
-    if (const EmulatedTypeRow* row =
-            FindRow(kEmulatedTypes, &EmulatedTypeRow::emulatedType, emulated))
-        adapter.addMapVal(L"Type", row->type);
+    const ImplVm::Attachment type =
+        ImplVm::FirstMatch(kEmulatedTypes, emulated, ImplVm::kOtherAttachment);
+    if (type != ImplVm::kOtherAttachment) adapter.addMapVal(L"Type", type);
     const std::wstring connected = ElementText(body, L"<Connected>", L"</Connected>");
     adapter.addMapVal(L"IsConnected", connected == L"0" ? 0 : 1);
     // The address is not taken from the configuration; the key is part of
@@ -207,15 +201,11 @@ int RunPrlctl(const std::vector<std::wstring>& args, std::wstring& out, std::wst
 int StartAttempt(const std::vector<std::wstring>& args) {
     std::wstring out;
     std::wstring err;
-    int code = RunPrlctl(args, out, err);
+    const int code = RunPrlctl(args, out, err);
     if (code < 0) return code;
-    if (Contains(err, kServiceDown)) code = -4;
-    if (Contains(err, kStartRefused)) code = -4;
-    if (Contains(out, kStarting)) {
-        if (Contains(out, kAlreadyRunning)) code = 0;
-        if (Contains(out, kStarted)) code = 0;
-    }
-    return code;
+    if (Contains(out, kStarting) && ImplVm::FirstMatch(kStartedAnswers, out, false))
+        return ImplVm::kDone;
+    return ImplVm::FirstMatch(kRefusals, err, code);
 }
 
 }  // namespace
@@ -264,22 +254,20 @@ int VirtualMachineImpl_Parallels4_GetInfoForVm(const std::wstring& vmHome,
 
     const std::wstring name = CStringUtils::ParseSubstringFromString(
         text, L"<Identification>", L"<VmName>", L"</VmName>", nullptr);
-    if (name.empty()) return IMPLVM_RECORD(-1);
+    if (name.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
 
     const std::wstring osType = CStringUtils::ParseSubstringFromString(
         text, L"<General>", L"<OsType>", L"</OsType>", nullptr);
-    if (osType.empty()) return IMPLVM_RECORD(-1);
-    const OsTypeRow* typeRow = FindRow(kOsTypes, &OsTypeRow::osType, osType);
+    if (osType.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
 
     const std::wstring osNumber = CStringUtils::ParseSubstringFromString(
         text, L"<General>", L"<OsNumber>", L"</OsNumber>", nullptr);
-    if (osNumber.empty()) return IMPLVM_RECORD(-1);
-    const DistributionRow* distRow = FindRow(kDistributions, &DistributionRow::osNumber, osNumber);
+    if (osNumber.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
 
     typeProperty os;
-    os.addMapVal(L"Type", typeRow ? typeRow->type : kOtherOsType);
+    os.addMapVal(L"Type", ImplVm::FirstMatch(kOsTypes, osType, ImplVm::kOtherOs));
     os.addMapVal(L"Distribution",
-                 std::wstring(distRow ? distRow->distribution : kOtherDistribution));
+                 std::wstring(ImplVm::FirstMatch(kDistributions, osNumber, kOtherDistribution)));
 
     std::vector<std::wstring> entries;
     rc = CFileUtils::GetDirectoryList(vmHome, entries);
@@ -337,7 +325,7 @@ int VirtualMachineImpl_Parallels4_StartVM(int, int, int, const KALDO::CSoftwareV
     rc = CProcessUtils::ExecuteSafeToText(kOpenTool, {vmHome}, exitStatus, &out, nullptr, nullptr,
                                           {.isAction = true});
     if (rc < 0) return IMPLVM_FAIL(rc);
-    if (exitStatus != 0) return IMPLVM_RECORD(-1);
+    if (exitStatus != 0) return IMPLVM_RECORD(ImplVm::kFailed);
     return 0;
 }
 IMPLVM_BOUNDARY
@@ -345,7 +333,7 @@ IMPLVM_BOUNDARY
 int ImplVirtualMachine_Parallels_9_X_StartVM(int, int, int, const KALDO::CSoftwareVersion*,
                                              const typeProperty* inputs, typeProperty*) try {
     std::wstring configPath;
-    if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(-3);
+    if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(ImplVm::kBadInput);
 
     // Both processes look up the console user; the child ends whatever it
     // finds, and only the parent answers the host.
@@ -358,19 +346,19 @@ int ImplVirtualMachine_Parallels_9_X_StartVM(int, int, int, const KALDO::CSoftwa
         if (!known) _exit(1);
         RunClientAppAndEnd();
     }
-    if (!known) return IMPLVM_RECORD(-4);
-    if (child < 0) return IMPLVM_RECORD(-1);
+    if (!known) return IMPLVM_RECORD(ImplVm::kRefused);
+    if (child < 0) return IMPLVM_RECORD(ImplVm::kFailed);
 
     // The child is left to itself: it lives as long as the GUI it started.
     WaitForService();
     sleep(1);
 
-    if (CFileUtils::IsFilePresent(configPath) < 0) return IMPLVM_RECORD(-6);
+    if (CFileUtils::IsFilePresent(configPath) < 0) return IMPLVM_RECORD(ImplVm::kNotFound);
     // An unreadable file leaves the path in place, which holds no UUID.
     std::wstring text = configPath;
     (void)CFileUtils::ReadFromTextFile(configPath, text);
     const std::wstring uuid = VmUuid(text);
-    if (uuid.empty()) return IMPLVM_RECORD(-6);
+    if (uuid.empty()) return IMPLVM_RECORD(ImplVm::kNotFound);
 
     const std::vector<std::wstring> args = {L"start", uuid};
     int code = 0;
@@ -387,17 +375,17 @@ IMPLVM_BOUNDARY
 int ImplVirtualMachine_Parallels_9_X_OperateVM(int, int, int, const KALDO::CSoftwareVersion*,
                                                const typeProperty* inputs, typeProperty*) try {
     std::wstring configPath;
-    if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(-3);
+    if (ImplVm::ReadInput(inputs, L"Name", configPath) < 0) return IMPLVM_RECORD(ImplVm::kBadInput);
     std::wstring command;
-    if (ImplVm::ReadInput(inputs, L"COMMAND", command) < 0) return IMPLVM_RECORD(-3);
+    if (ImplVm::ReadInput(inputs, L"COMMAND", command) < 0) return IMPLVM_RECORD(ImplVm::kBadInput);
     std::wstring option;
     (void)ImplVm::ReadInput(inputs, L"OPTION", option);
 
-    if (CFileUtils::IsFilePresent(configPath) < 0) return IMPLVM_RECORD(-6);
+    if (CFileUtils::IsFilePresent(configPath) < 0) return IMPLVM_RECORD(ImplVm::kNotFound);
     std::wstring text;
-    if (CFileUtils::ReadFromTextFile(configPath, text) < 0) return IMPLVM_RECORD(-1);
+    if (CFileUtils::ReadFromTextFile(configPath, text) < 0) return IMPLVM_RECORD(ImplVm::kFailed);
     const std::wstring uuid = VmUuid(text);
-    if (uuid.empty()) return IMPLVM_RECORD(-6);
+    if (uuid.empty()) return IMPLVM_RECORD(ImplVm::kNotFound);
 
     std::vector<std::wstring> args = {command, uuid};
     if (!option.empty()) args.push_back(option);
@@ -405,12 +393,12 @@ int ImplVirtualMachine_Parallels_9_X_OperateVM(int, int, int, const KALDO::CSoft
     int consoleUser = 0;
     std::wstring consoleHome;
     if (CAppleUtils::GetCurrentLoggedInUserInfo(consoleHome, &consoleUser, nullptr) < 0)
-        return IMPLVM_RECORD(-1);
+        return IMPLVM_RECORD(ImplVm::kFailed);
 
     std::wstring out;
     std::wstring err;
     int code = RunPrlctl(args, out, err);
-    if (code >= 0 && Contains(err, kLoginFailed)) code = -4;
+    if (code >= 0) code = ImplVm::FirstMatch(kOperationRefusals, err, code);
     return IMPLVM_RECORD(code);
 }
 IMPLVM_BOUNDARY

@@ -5,6 +5,7 @@
 // reports and settings files of several VirtualBox generations only agree on
 // these markers.
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -16,9 +17,9 @@
 #include "KALDO/CProcessUtils.h"
 #include "KALDO/CSoftwareVersion.h"
 #include "KALDO/CStringUtils.h"
-#include "KALDO/Result.h"
 #include "KALDO/typeProperty.h"
 #include "MethodFrame.h"
+#include "TextRules.h"
 
 namespace {
 
@@ -74,43 +75,43 @@ std::wstring CutOut(const std::wstring& text, const Cut& cut) {
     return CutOut(text, cut.anchor, cut.begin, cut.end);
 }
 
-// Classification tables: the first row whose prefix begins the text wins;
-// a text that no row claims gets the table's fallback row.
-struct FamilyRow {
-    const wchar_t* prefix;
-    int type;
-};
+// Classification tables: the first row whose text begins the value (ASCII
+// letters in any case) wins; a value no row claims gets the fallback.
+using ImplVm::Where;
+constexpr Where kBegins = Where::kStartAnyCase;
+
 // "Xasndros" is spelt so on purpose: only a text with these very letters
 // counts for it.
-constexpr FamilyRow kOsFamilies[] = {
-    {L"Windows", 3}, {L"Linux", 1},  {L"Arch", 1},     {L"Debian", 1},
-    {L"open", 1},    {L"Gentoo", 1}, {L"Mandriva", 1}, {L"Red", 1},
-    {L"Turbo", 1},   {L"Ubuntu", 1}, {L"Xasndros", 1},
+constexpr ImplVm::TextRule<ImplVm::OsFamily> kOsFamilies[] = {
+    {L"Windows", kBegins, ImplVm::kWindows}, {L"Linux", kBegins, ImplVm::kLinux},
+    {L"Arch", kBegins, ImplVm::kLinux},      {L"Debian", kBegins, ImplVm::kLinux},
+    {L"open", kBegins, ImplVm::kLinux},      {L"Gentoo", kBegins, ImplVm::kLinux},
+    {L"Mandriva", kBegins, ImplVm::kLinux},  {L"Red", kBegins, ImplVm::kLinux},
+    {L"Turbo", kBegins, ImplVm::kLinux},     {L"Ubuntu", kBegins, ImplVm::kLinux},
+    {L"Xasndros", kBegins, ImplVm::kLinux},
 };
-constexpr FamilyRow kOtherFamily{L"", 0};
 
-struct StateRow {
-    const wchar_t* prefix;
-    int state;
+// Paused, saved, aborted, stuck, ...: suspended.
+constexpr ImplVm::TextRule<ImplVm::VmState> kStates[] = {
+    {L"powered off", kBegins, ImplVm::kStopped},
+    {L"running", kBegins, ImplVm::kRunning},
 };
-constexpr StateRow kStates[] = {{L"powered off", 3}, {L"running", 1}};
-constexpr StateRow kOtherState{L"", 2};  // paused, saved, aborted, stuck, ...
 
-struct AttachmentRow {
-    const wchar_t* prefix;
-    int type;
+struct AttachmentKind {
+    ImplVm::Attachment type;
     int isConnected;
 };
-constexpr AttachmentRow kAttachments[] = {{L"NAT", 1, 1}, {L"Bridged", 2, 1}, {L"Host-only", 3, 1}};
-constexpr AttachmentRow kOtherAttachment{L"", 0, 0};  // internal, generic, not attached
+// Internal, generic, not attached: other, and not connected.
+constexpr ImplVm::TextRule<AttachmentKind> kAttachments[] = {
+    {L"NAT", kBegins, {ImplVm::kNat, 1}},
+    {L"Bridged", kBegins, {ImplVm::kBridged, 1}},
+    {L"Host-only", kBegins, {ImplVm::kHostOnly, 1}},
+};
+constexpr AttachmentKind kOtherAttachment{ImplVm::kOtherAttachment, 0};
 
-template <class Row, size_t N>
-const Row& Classify(const Row (&table)[N], const std::wstring& text, const Row& fallback) {
-    for (const Row& row : table) {
-        if (CStringUtils::BeginsWith(text, row.prefix, 0)) return row;
-    }
-    return fallback;
-}
+static_assert(ImplVm::FirstShadowedRule(kOsFamilies) == std::size(kOsFamilies));
+static_assert(ImplVm::FirstShadowedRule(kStates) == std::size(kStates));
+static_assert(ImplVm::FirstShadowedRule(kAttachments) == std::size(kAttachments));
 
 // "NIC 1: ", "NIC 2: ", ...: the colon and blank keep the adapters' settings
 // and rules lines ("NIC 1 Settings:", "NIC 1 Rule(0):") from counting.
@@ -196,15 +197,15 @@ int ReadAdapters(const std::wstring& report, typeProperty& networks) {
     for (int number = 1;; ++number) {
         if (!nics.has(number)) return 0;
         const std::wstring lineValue = nics.line(number);
-        if (lineValue.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+        if (lineValue.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
         if (CStringUtils::Trim(lineValue) == L"disabled") continue;
 
         typeProperty adapter;
         adapter.addMapVal(L"Name", L"Adapter " + CStringUtils::I32ToStr(number));
         const std::wstring attachment = nics.attachment(number);
-        if (attachment.empty()) return IMPLVM_RECORD(KALDO::kFailed);
-        const AttachmentRow& kind =
-            Classify(kAttachments, CStringUtils::Trim(attachment), kOtherAttachment);
+        if (attachment.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
+        const AttachmentKind kind =
+            ImplVm::FirstMatch(kAttachments, CStringUtils::Trim(attachment), kOtherAttachment);
         adapter.addMapVal(L"Type", kind.type);
         adapter.addMapVal(L"IsConnected", kind.isConnected);
         adapter.addMapVal(L"MacAddress", std::wstring());
@@ -219,29 +220,18 @@ constexpr wchar_t kVBoxManage[] = L"/Applications/VirtualBox.app/Contents/MacOS/
 constexpr wchar_t kStartAction[] = L"startvm";
 
 // How a failed exit of VBoxManage is judged from its printed text, in this
-// order; the first rule that holds decides. The tool's messages come on its
-// standard error, which the run merges into the text. The search is
-// case-sensitive: a text without a lower-case "error" counts as done.
-struct AnswerRule {
-    const wchar_t* text;
-    bool whenPresent;
-    int code;
+// order; the first rule that holds decides, none: failed. The tool's
+// messages come on its standard error, which the run merges into the text.
+// The search is case-sensitive: a text without a lower-case "error" counts
+// as done.
+constexpr ImplVm::TextRule<int> kAnswerRules[] = {
+    {L"error", Where::kAbsent, ImplVm::kDone},
+    {L"VBOX_E_INVALID_VM_STATE", Where::kAnywhere, ImplVm::kRefused},
+    {L"Error: Cannot open VM", Where::kAnywhere, ImplVm::kNotFound},
+    {L"Error: The virtual machine cannot be found", Where::kAnywhere, ImplVm::kNotFound},
+    {L"Error: Cannot lock VM", Where::kAnywhere, ImplVm::kLocked},
 };
-constexpr AnswerRule kAnswerRules[] = {
-    {L"error", false, 0},
-    {L"VBOX_E_INVALID_VM_STATE", true, -4},
-    {L"Error: Cannot open VM", true, -6},
-    {L"Error: The virtual machine cannot be found", true, -6},
-    {L"Error: Cannot lock VM", true, -32},
-};
-constexpr int kUnrecognisedAnswer = -1;
-
-int JudgeFailedExit(const std::wstring& text) {
-    for (const AnswerRule& rule : kAnswerRules) {
-        if ((text.find(rule.text) != std::wstring::npos) == rule.whenPresent) return rule.code;
-    }
-    return kUnrecognisedAnswer;
-}
+static_assert(ImplVm::FirstShadowedRule(kAnswerRules) == std::size(kAnswerRules));
 
 int RunPowerMethod(const typeProperty* inputs, const wchar_t* action) {
     std::wstring machine;
@@ -255,7 +245,7 @@ int RunPowerMethod(const typeProperty* inputs, const wchar_t* action) {
 // ---- Inventory ----
 
 int VirtualMachineImpl_VirtualBox2_GetAllVms(std::vector<std::wstring>* vms, int majorVersion) try {
-    if (vms == nullptr) return IMPLVM_RECORD(KALDO::kInvalidArgument);
+    if (vms == nullptr) return IMPLVM_RECORD(ImplVm::kBadInput);
     std::wstring home;
     int rc = KALDO::CAppleUtils::GetCurrentLoggedInUserInfo(home, nullptr, nullptr);
     if (rc < 0) return IMPLVM_FAIL(rc);
@@ -281,7 +271,7 @@ int VirtualMachineImpl_VirtualBox2_GetAllVms(std::vector<std::wstring>* vms, int
 IMPLVM_BOUNDARY
 
 // Never fails: a host learns of a missing installation from an empty list
-// (and the error log), as it always has.
+// (and the error log).
 int VirtualMachineImpl_VirtualBox2_EnumerateVMs(int, int, int,
                                                 const KALDO::CSoftwareVersion* version,
                                                 const typeProperty*, typeProperty* outputs) try {
@@ -296,7 +286,7 @@ IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VirtualBox2_GetInfoForVm(const std::wstring& settingsPath,
                                                 typeProperty* description) try {
-    if (description == nullptr) return IMPLVM_RECORD(KALDO::kInvalidArgument);
+    if (description == nullptr) return IMPLVM_RECORD(ImplVm::kBadInput);
     description->clear();
 
     std::wstring appPath;
@@ -308,33 +298,31 @@ int VirtualMachineImpl_VirtualBox2_GetInfoForVm(const std::wstring& settingsPath
     rc = KALDO::CFileUtils::ReadFromTextFile(settingsPath, settings);
     if (rc < 0) return IMPLVM_FAIL(rc);
     const std::wstring uuid = CutOut(settings, kUuidCut);
-    if (uuid.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+    if (uuid.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
 
     int exitCode = 0;
     std::wstring report;
     rc = KALDO::CProcessUtils::ExecuteSafeToText(tool, {L"showvminfo", uuid}, exitCode, &report,
                                                  nullptr, nullptr);
     if (rc < 0) return IMPLVM_FAIL(rc);
-    if (exitCode != 0) return IMPLVM_RECORD(KALDO::kFailed);
+    if (exitCode != 0) return IMPLVM_RECORD(ImplVm::kFailed);
 
     // Emptiness is judged on the raw cuts: a value of blanks passes and
     // trims to nothing.
     const std::wstring rawName = CutOut(report, kNameCut);
-    if (rawName.empty()) return IMPLVM_RECORD(KALDO::kFailed);
+    if (rawName.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
     const std::wstring name = CStringUtils::Trim(rawName);
 
-    // A report without a guest-OS line is a machine of unknown family: the
-    // check after this cut has always looked at the UUID, not at the cut.
+    // A report without a guest-OS line is a machine of unknown family.
     const std::wstring guestOs = CStringUtils::Trim(CutOut(report, kGuestOsCut));
-    if (uuid.empty()) return IMPLVM_RECORD(KALDO::kFailed);
     typeProperty os;
-    os.addMapVal(L"Type", Classify(kOsFamilies, guestOs, kOtherFamily).type);
+    os.addMapVal(L"Type", ImplVm::FirstMatch(kOsFamilies, guestOs, ImplVm::kOtherOs));
     os.addMapVal(L"Distribution", guestOs);
 
     // "State:   running (since 2024-...)": the time stamp's "(" ends the word.
     const std::wstring rawState = CutOut(report, kStateCut);
-    if (rawState.empty()) return IMPLVM_RECORD(KALDO::kFailed);
-    const int state = Classify(kStates, CStringUtils::Trim(rawState), kOtherState).state;
+    if (rawState.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
+    const int state = ImplVm::FirstMatch(kStates, CStringUtils::Trim(rawState), ImplVm::kSuspended);
 
     // Never typed explicitly: it becomes a vector with its first adapter.
     typeProperty networks;
@@ -383,7 +371,7 @@ int VirtualMachineImpl_VirtualBox_4_X_PerformVMAction(const std::wstring& action
                                                            nullptr, nullptr, {.isAction = true});
     if (rc < 0) return IMPLVM_FAIL(rc);
     if (exitCode == 0) return 0;
-    return IMPLVM_RECORD(JudgeFailedExit(text));
+    return IMPLVM_RECORD(ImplVm::FirstMatch(kAnswerRules, text, ImplVm::kFailed));
 }
 IMPLVM_BOUNDARY
 

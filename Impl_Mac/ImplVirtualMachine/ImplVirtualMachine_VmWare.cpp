@@ -2,6 +2,7 @@
 // reader with its guest-OS table and power-state rules, and the power and
 // snapshot actions through vmrun.
 #include <array>
+#include <iterator>
 #include <span>
 #include <string>
 #include <string_view>
@@ -16,6 +17,7 @@
 #include "KALDO/CStringUtils.h"
 #include "KALDO/typeProperty.h"
 #include "MethodFrame.h"
+#include "TextRules.h"
 
 using KALDO::CStringUtils;
 using KALDO::typeProperty;
@@ -74,76 +76,69 @@ std::wstring VmxValue(const std::wstring& vmx, const std::wstring& key) {
     return CStringUtils::ParseSubstringFromString(vmx, L"", key + L" = \"", L"\"\n", nullptr);
 }
 
+// "OS" of a guestOS key: Fusion writes the keys in lower case; a key is
+// either a whole value or the start of one, letters in any case.
 struct GuestOs {
-    const wchar_t* key;
-    bool exact;  // else: the guestOS value begins with key
     const wchar_t* name;
-    int type;  // 0 other, 1 Linux, 2 Mac OS X, 3 Windows
+    ImplVm::OsFamily family;
 };
 
-// Tested top to bottom, first match wins: the longer keys stand before the
-// keys they begin with ("winxppro-64" before "winxp", "windows7srv" before
-// "windows7").
-constexpr GuestOs kGuestOsTable[] = {
-    {L"win31", true, L"Windows 3.11", 3},
-    {L"win95", true, L"Windows 95", 3},
-    {L"win98", true, L"Windows 98", 3},
-    {L"winme", true, L"Windows ME", 3},
-    {L"winnt", true, L"Windows NT", 3},
-    {L"win2000", false, L"Windows 2000", 3},
-    {L"winxppro-64", false, L"Windows XP x64 Edition", 3},
-    {L"winxp", false, L"Windows XP", 3},
-    {L"winnet", false, L"Windows Server 2003", 3},
-    {L"winvista", false, L"Windows Vista", 3},
-    {L"longhorn", false, L"Windows Server 2008", 3},
-    {L"windows7srv", false, L"Windows Server 2008 R2", 3},
-    {L"winhyperv", false, L"Windows Hyper-V", 3},
-    {L"windows8srv", false, L"Windows Server 2012", 3},
-    {L"windows7", false, L"Windows 7", 3},
-    {L"windows8", false, L"Windows 8", 3},
-    {L"asianux", false, L"Asianux", 1},
-    {L"centos", false, L"Cent OS", 1},
-    {L"debian", false, L"Debian", 1},
-    {L"fedora", false, L"Fedora", 1},
-    {L"mandrake", false, L"Mandrake Linux", 1},
-    {L"mandriva", false, L"Mandriva", 1},
-    {L"nld", false, L"Novell Linux Desktop", 1},
-    {L"opensuse", false, L"Open Suse", 1},
-    {L"oraclelinux", false, L"Oracle Enterprise Linux", 1},
-    {L"redhat", false, L"Red Hat Linux", 1},
-    {L"rhel", false, L"Red Hat Enterprise Linux", 1},
-    {L"sjds", false, L"Sun Java Desktop System", 1},
-    {L"suse", false, L"SUSE Linux", 1},
-    {L"sles", false, L"Suse Linux Enterprise", 1},
-    {L"turbolinux", false, L"Turbolinux", 1},
-    {L"ubuntu", false, L"Ubuntu Linux", 1},
-    {L"other26xlinux", false, L"Linux 2.6", 1},
-    {L"other24xlinux", false, L"Linux 2.4", 1},
-    {L"other22xlinux", false, L"Linux 2.2", 1},
-    {L"darwin", false, L"Mac OS X", 2},
-    {L"netware", false, L"NetWare", 0},
-    {L"solaris", false, L"Solaris", 0},
-    {L"vmkernel", false, L"VMware ESX", 0},
+using ImplVm::Where;
+constexpr Where kIs = Where::kWhole;
+constexpr Where kBegins = Where::kStartAnyCase;
+
+// First match wins: a longer key stands before a key it begins with
+// ("winxppro-64" before "winxp", "windows7srv" before "windows7").
+constexpr ImplVm::TextRule<GuestOs> kGuestOsTable[] = {
+    {L"win31", kIs, {L"Windows 3.11", ImplVm::kWindows}},
+    {L"win95", kIs, {L"Windows 95", ImplVm::kWindows}},
+    {L"win98", kIs, {L"Windows 98", ImplVm::kWindows}},
+    {L"winme", kIs, {L"Windows ME", ImplVm::kWindows}},
+    {L"winnt", kIs, {L"Windows NT", ImplVm::kWindows}},
+    {L"win2000", kBegins, {L"Windows 2000", ImplVm::kWindows}},
+    {L"winxppro-64", kBegins, {L"Windows XP x64 Edition", ImplVm::kWindows}},
+    {L"winxp", kBegins, {L"Windows XP", ImplVm::kWindows}},
+    {L"winnet", kBegins, {L"Windows Server 2003", ImplVm::kWindows}},
+    {L"winvista", kBegins, {L"Windows Vista", ImplVm::kWindows}},
+    {L"longhorn", kBegins, {L"Windows Server 2008", ImplVm::kWindows}},
+    {L"windows7srv", kBegins, {L"Windows Server 2008 R2", ImplVm::kWindows}},
+    {L"winhyperv", kBegins, {L"Windows Hyper-V", ImplVm::kWindows}},
+    {L"windows8srv", kBegins, {L"Windows Server 2012", ImplVm::kWindows}},
+    {L"windows7", kBegins, {L"Windows 7", ImplVm::kWindows}},
+    {L"windows8", kBegins, {L"Windows 8", ImplVm::kWindows}},
+    {L"asianux", kBegins, {L"Asianux", ImplVm::kLinux}},
+    {L"centos", kBegins, {L"Cent OS", ImplVm::kLinux}},
+    {L"debian", kBegins, {L"Debian", ImplVm::kLinux}},
+    {L"fedora", kBegins, {L"Fedora", ImplVm::kLinux}},
+    {L"mandrake", kBegins, {L"Mandrake Linux", ImplVm::kLinux}},
+    {L"mandriva", kBegins, {L"Mandriva", ImplVm::kLinux}},
+    {L"nld", kBegins, {L"Novell Linux Desktop", ImplVm::kLinux}},
+    {L"opensuse", kBegins, {L"Open Suse", ImplVm::kLinux}},
+    {L"oraclelinux", kBegins, {L"Oracle Enterprise Linux", ImplVm::kLinux}},
+    {L"redhat", kBegins, {L"Red Hat Linux", ImplVm::kLinux}},
+    {L"rhel", kBegins, {L"Red Hat Enterprise Linux", ImplVm::kLinux}},
+    {L"sjds", kBegins, {L"Sun Java Desktop System", ImplVm::kLinux}},
+    {L"suse", kBegins, {L"SUSE Linux", ImplVm::kLinux}},
+    {L"sles", kBegins, {L"Suse Linux Enterprise", ImplVm::kLinux}},
+    {L"turbolinux", kBegins, {L"Turbolinux", ImplVm::kLinux}},
+    {L"ubuntu", kBegins, {L"Ubuntu Linux", ImplVm::kLinux}},
+    {L"other26xlinux", kBegins, {L"Linux 2.6", ImplVm::kLinux}},
+    {L"other24xlinux", kBegins, {L"Linux 2.4", ImplVm::kLinux}},
+    {L"other22xlinux", kBegins, {L"Linux 2.2", ImplVm::kLinux}},
+    {L"darwin", kBegins, {L"Mac OS X", ImplVm::kMacOs}},
+    {L"netware", kBegins, {L"NetWare", ImplVm::kOtherOs}},
+    {L"solaris", kBegins, {L"Solaris", ImplVm::kOtherOs}},
+    {L"vmkernel", kBegins, {L"VMware ESX", ImplVm::kOtherOs}},
 };
-constexpr GuestOs kUnknownGuest = {L"", false, L"Unknown OS", 0};
+static_assert(ImplVm::FirstShadowedRule(kGuestOsTable) == std::size(kGuestOsTable));
+constexpr GuestOs kUnknownGuest = {L"Unknown OS", ImplVm::kOtherOs};
 
-const GuestOs& LookUpGuest(const std::wstring& guestOs) {
-    for (const GuestOs& row : kGuestOsTable) {
-        if (row.exact ? guestOs == row.key : CStringUtils::BeginsWith(guestOs, row.key, 0))
-            return row;
-    }
-    return kUnknownGuest;
-}
-
-struct Connection {
-    const wchar_t* value;  // compared exactly
-    int type;
+// "connectionType" values, compared exactly; any other gives no "Type".
+constexpr ImplVm::TextRule<ImplVm::Attachment> kConnectionTable[] = {
+    {L"nat", kIs, ImplVm::kNat},
+    {L"bridged", kIs, ImplVm::kBridged},
+    {L"hostonly", kIs, ImplVm::kHostOnly},
 };
-constexpr Connection kConnectionTable[] = {{L"nat", 1}, {L"bridged", 2}, {L"hostonly", 3}};
-
-constexpr int kRunning = 1;
-constexpr int kSuspended = 2;
-constexpr int kStopped = 3;
 
 // vmx text of the VM; `vmPath` becomes the VM folder when the .vmx had to be
 // searched for. Returns 0 with `searchGaveUp` set when the folder holds more
@@ -203,15 +198,10 @@ size_t FindLast(const std::wstring& text, std::wstring_view needle) {
 
 // A VM that Fusion paused through its automation interface logs
 // "pause = TRUE" and, once resumed, "pause = FALSE". Only the last TRUE
-// matters; the power-change search starts at the FALSE match, so a TRUE
-// without a later FALSE always reads as paused.
+// matters: without a later FALSE the VM is paused.
 bool PausedByLog(const std::wstring& log) {
     const size_t pauseOn = FindLast(log, L"VMAutomation_Pause: pause = TRUE");
-    if (pauseOn == npos) return false;
-    const size_t pauseOff = log.find(L"VMAutomation_Pause: pause = FALSE", pauseOn);
-    const bool resumed =
-        pauseOff != npos || log.find(L"VMAutomationReportPowerStateChange", pauseOff) != npos;
-    return !resumed;
+    return pauseOn != npos && log.find(L"VMAutomation_Pause: pause = FALSE", pauseOn) == npos;
 }
 
 // Fusion 4 and later: the .vmx's vmState names the suspend file while the VM
@@ -221,15 +211,15 @@ int StateFromVmxAndLog(const std::wstring& vmx, const std::wstring& vmPath, int 
                        int& state) {
     const std::wstring vmState = VmxValue(vmx, L"vmState");
     if (!vmState.empty()) {
-        state = vmState.find(L".vmss") != npos ? kSuspended : kStopped;
-        return 0;
+        state = vmState.find(L".vmss") != npos ? ImplVm::kSuspended : ImplVm::kStopped;
+        return ImplVm::kDone;
     }
     std::wstring listing;
     KALDO::CProcessUtils::GetProcessListing_MAC(listing, "wwax");
-    if (listing.empty()) return IMPLVM_RECORD(-1);
+    if (listing.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
     if (listing.find(vmPath) == npos) {
-        state = kStopped;
-        return 0;
+        state = ImplVm::kStopped;
+        return ImplVm::kDone;
     }
     // Fusion 4 names a VM by its bundle folder, later versions by its .vmx.
     const std::wstring vmFolder =
@@ -237,8 +227,8 @@ int StateFromVmxAndLog(const std::wstring& vmx, const std::wstring& vmPath, int 
     std::wstring log;
     const int rc = KALDO::CFileUtils::ReadFromTextFile(vmFolder + L"/vmware.log", log);
     if (rc < 0) return IMPLVM_FAIL(rc);
-    state = PausedByLog(log) ? kSuspended : kRunning;
-    return 0;
+    state = PausedByLog(log) ? ImplVm::kSuspended : ImplVm::kRunning;
+    return ImplVm::kDone;
 }
 
 // Before Fusion 4: the memory file exists while the VM is running or
@@ -253,8 +243,8 @@ int StateFromMemoryFiles(const std::wstring& vmFolder, int& state) {
         if (CStringUtils::EndsWith(name, L".vmem", 0)) memory = true;
         if (CStringUtils::EndsWith(name, L".vmem.lck", 0)) lock = true;
     }
-    state = !memory ? kStopped : (lock ? kRunning : kSuspended);
-    return 0;
+    state = !memory ? ImplVm::kStopped : (lock ? ImplVm::kRunning : ImplVm::kSuspended);
+    return ImplVm::kDone;
 }
 
 // The adapter keys the reader uses, `ethernetN.<field> = "`.
@@ -320,7 +310,7 @@ std::vector<AdapterValues> ScanAdapters(std::wstring_view vmx) {
 // An adapter the reader lists: its number and what its record says.
 struct Adapter {
     size_t number;
-    int type;  // 0: no "Type"
+    ImplVm::Attachment type;  // kOtherAttachment: no "Type"
     bool connected;
 };
 
@@ -334,13 +324,8 @@ std::vector<Adapter> ListAdapters(std::wstring_view vmx) {
         const std::wstring_view present = values.value[kPresent];
         if (present.empty()) break;
         if (present == L"FALSE") continue;
-        int type = 0;
-        for (const Connection& row : kConnectionTable) {
-            if (values.value[kConnectionType] == row.value) {
-                type = row.type;
-                break;
-            }
-        }
+        const ImplVm::Attachment type = ImplVm::FirstMatch(
+            kConnectionTable, values.value[kConnectionType], ImplVm::kOtherAttachment);
         adapters.push_back({n, type, values.value[kStartConnected] != L"FALSE"});
     }
     return adapters;
@@ -359,7 +344,7 @@ typeProperty AdapterRecords(const std::vector<Adapter>& adapters) {
         if (a.number > 0) (name += L' ') += CStringUtils::I32ToStr(static_cast<int>(a.number) + 1);
         typeProperty adapter;
         adapter.addMapVal(kName, name);
-        if (a.type != 0) adapter.addMapVal(kType, a.type);
+        if (a.type != ImplVm::kOtherAttachment) adapter.addMapVal(kType, a.type);
         adapter.addMapVal(kIsConnected, a.connected ? 1 : 0);
         adapter.addMapVal(kMacAddress, std::wstring());
         networks.addVecVal(std::move(adapter));
@@ -380,53 +365,55 @@ int ReadDescription(const KALDO::CSoftwareVersion* version, const typeProperty* 
 
 // ---- vmrun ----
 
-// How vmrun's first words after a failing exit map to a result code; the
-// first row that holds wins, no row means the action counts as done.
-struct VmrunAnswer {
-    const wchar_t* text;
-    bool anywhere;  // else: the output begins with text
-    int code;
+// How vmrun's answer after a failing exit maps to a result code; no rule
+// that holds means the action counts as done. vmrun's messages begin its
+// output, letters as written.
+using VmrunRule = ImplVm::TextRule<int>;
+constexpr Where kOpens = Where::kStart;
+
+constexpr VmrunRule kPowerAnswers[] = {
+    {L"Error: Cannot open VM", kOpens, ImplVm::kNotFound},
+    {L"Error: The virtual machine cannot be found", kOpens, ImplVm::kNotFound},
+    {L"Error: Cannot lock VM", kOpens, ImplVm::kLocked},
+    {L"Error", kOpens, ImplVm::kFailed},
 };
 
-constexpr VmrunAnswer kPowerAnswers[] = {
-    {L"Error: Cannot open VM", false, -6},
-    {L"Error: The virtual machine cannot be found", false, -6},
-    {L"Error: Cannot lock VM", false, -32},
-    {L"Error", false, -1},
-};
-
-constexpr VmrunAnswer kSnapshotAnswers[] = {
+constexpr VmrunRule kSnapshotAnswers[] = {
     {L"Error: The state of the virtual machine has not changed since the last snapshot "
      L"operation",
-     true, -5},
-    {L"Error: Cannot open VM", false, -6},
-    {L"Error: A file by that name does not exist", false, -6},
-    {L"Error: The snapshot does not exist", false, -6},
-    {L"Error: The virtual machine cannot be found", false, -6},
-    {L"Error: The name does not uniquely identify one snapshot", false, -4},
-    {L"Error: Cannot lock VM", false, -32},
+     Where::kAnywhere, ImplVm::kUnchanged},
+    {L"Error: Cannot open VM", kOpens, ImplVm::kNotFound},
+    {L"Error: A file by that name does not exist", kOpens, ImplVm::kNotFound},
+    {L"Error: The snapshot does not exist", kOpens, ImplVm::kNotFound},
+    {L"Error: The virtual machine cannot be found", kOpens, ImplVm::kNotFound},
+    {L"Error: The name does not uniquely identify one snapshot", kOpens, ImplVm::kRefused},
+    {L"Error: Cannot lock VM", kOpens, ImplVm::kLocked},
 };
 
-int RunVmrun(const std::vector<std::wstring>& args, std::span<const VmrunAnswer> answers) {
+// What listSnapshots printed, whatever its exit status.
+constexpr VmrunRule kSnapshotListAnswers[] = {
+    {L"Error: Cannot open VM", kOpens, ImplVm::kNotFound},
+    {L"Total snapshots:", Where::kAbsent, ImplVm::kFailed},
+};
+
+static_assert(ImplVm::FirstShadowedRule(kPowerAnswers) == std::size(kPowerAnswers));
+static_assert(ImplVm::FirstShadowedRule(kSnapshotAnswers) == std::size(kSnapshotAnswers));
+
+int RunVmrun(const std::vector<std::wstring>& args, std::span<const VmrunRule> answers) {
     int exitCode = 0;
     std::wstring out;
     // Every run here changes the VM (power, snapshots): an action's time limit.
     const int rc = KALDO::CProcessUtils::ExecuteSafeToText(kVmrun, args, exitCode, &out, nullptr,
                                                            nullptr, {.isAction = true});
     if (rc < 0) return IMPLVM_FAIL(rc);
-    if (exitCode == 0) return 0;
-    for (const VmrunAnswer& answer : answers) {
-        const bool holds = answer.anywhere ? out.find(answer.text) != npos
-                                           : CStringUtils::BeginsWith(out, answer.text, 1);
-        if (holds) return IMPLVM_RECORD(answer.code);
-    }
-    return 0;
+    if (exitCode == 0) return ImplVm::kDone;
+    return IMPLVM_RECORD(ImplVm::FirstMatch(answers, out, ImplVm::kDone));
 }
 
 // StopVM and SuspendVM: nothing to do in `doneState`; in `startFirstState`
 // the VM is started (resumed) before `action` is run on it.
-int DriveVm(const KALDO::CSoftwareVersion* version, const typeProperty* inputs, int doneState,
-            int startFirstState, const wchar_t* action) {
+int DriveVm(const KALDO::CSoftwareVersion* version, const typeProperty* inputs,
+            ImplVm::VmState doneState, ImplVm::VmState startFirstState, const wchar_t* action) {
     std::wstring name;
     typeProperty description;
     int rc = ReadDescription(version, inputs, name, description);
@@ -539,12 +526,12 @@ int VirtualMachineImpl_VmWareFusion1_GetInfoForVm(const std::wstring& vmIdentifi
     if (rc < 0 || searchGaveUp) return rc;
 
     const std::wstring displayName = VmxValue(vmx, L"displayName");
-    if (displayName.empty()) return IMPLVM_RECORD(-1);
+    if (displayName.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
     const std::wstring guestOsKey = VmxValue(vmx, L"guestOS");
-    if (guestOsKey.empty()) return IMPLVM_RECORD(-1);
-    const GuestOs& guest = LookUpGuest(guestOsKey);
+    if (guestOsKey.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
+    const GuestOs guest = ImplVm::FirstMatch(kGuestOsTable, guestOsKey, kUnknownGuest);
     typeProperty os;
-    os.addMapVal(L"Type", guest.type);
+    os.addMapVal(L"Type", guest.family);
     os.addMapVal(L"Distribution", std::wstring(guest.name));
 
     int state = 0;
@@ -610,7 +597,7 @@ IMPLVM_BOUNDARY
 int VirtualMachineImpl_VmWareFusion1_StopVM(int, int, int, const KALDO::CSoftwareVersion* version,
                                             const typeProperty* inputs, typeProperty*) try {
     // A suspended VM is resumed so that it can be shut down.
-    return DriveVm(version, inputs, kStopped, kSuspended, L"stop");
+    return DriveVm(version, inputs, ImplVm::kStopped, ImplVm::kSuspended, L"stop");
 }
 IMPLVM_BOUNDARY
 
@@ -618,7 +605,7 @@ int VirtualMachineImpl_VmWareFusion1_SuspendVM(int, int, int,
                                                const KALDO::CSoftwareVersion* version,
                                                const typeProperty* inputs, typeProperty*) try {
     // A stopped VM is started so that it can be suspended.
-    return DriveVm(version, inputs, kSuspended, kStopped, L"suspend");
+    return DriveVm(version, inputs, ImplVm::kSuspended, ImplVm::kStopped, L"suspend");
 }
 IMPLVM_BOUNDARY
 
@@ -653,8 +640,8 @@ int VirtualMachineImpl_VmWareFusion4_ListSnapshots(int, int, int, const KALDO::C
     rc = KALDO::CProcessUtils::ExecuteSafeToText(kVmrun, {L"listSnapshots", name}, exitCode, &out,
                                                  nullptr, nullptr);
     if (rc < 0) return IMPLVM_FAIL(rc);
-    if (CStringUtils::BeginsWith(out, L"Error: Cannot open VM", 1)) return IMPLVM_RECORD(-6);
-    if (out.find(L"Total snapshots:") == npos) return IMPLVM_RECORD(-1);
+    rc = ImplVm::FirstMatch(kSnapshotListAnswers, out, ImplVm::kDone);
+    if (rc < 0) return IMPLVM_RECORD(rc);
 
     // vmrun ends its lines with CR LF; the first line is the count.
     const std::vector<std::wstring> lines = CStringUtils::Separate(out, L"\r\n");

@@ -4,6 +4,7 @@
 
 #include "KALDO/CErrorInfo.h"
 #include "KALDO/CStringUtils.h"
+#include "TextRules.h"
 
 namespace ImplVm {
 
@@ -15,18 +16,14 @@ int Record(int code, const char* file, int line) {
 
 int RecordUnexpected(const char* file, int line) noexcept {
     try {
-        return Record(-1, file, line);
+        return Record(kFailed, file, line);
     } catch (...) {
-        return -1;
+        return kFailed;
     }
 }
 
 bool MatchesFoldedAt(std::wstring_view text, size_t at, std::wstring_view marker) {
-    if (at > text.size() || marker.size() > text.size() - at) return false;
-    const auto lower = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? c + (L'a' - L'A') : c; };
-    for (size_t i = 0; i < marker.size(); ++i)
-        if (lower(text[at + i]) != lower(marker[i])) return false;
-    return true;
+    return at <= text.size() && StartsAnyCase(text.substr(at), marker);
 }
 
 size_t NumberedKeyAt(std::wstring_view text, size_t at, std::wstring_view word, int& number) {

@@ -10,21 +10,16 @@
 #include <vector>
 
 #include "KALDO/typeProperty.h"
+#include "Vocabulary.h"
 
 namespace ImplVm {
-
-// Of a callee's failure codes only "refused" (-4) and "locked" (-32) reach
-// the host as they are; every other negative code becomes -1.
-constexpr int Propagate(int code) {
-    return (code == -4 || code == -32) ? code : -1;
-}
 
 // Records `code` (when negative) against the wide form of `file` and `line`;
 // returns what the error log returns, i.e. `code`.
 int Record(int code, const char* file, int line);
 
-// -1 recorded at file/line for an exception caught at a boundary; -1 also
-// when even the record cannot be made.
+// kFailed recorded at file/line for an exception caught at a boundary;
+// kFailed also when even the record cannot be made.
 int RecordUnexpected(const char* file, int line) noexcept;
 
 // Whether `marker` stands at `at` in text, ASCII letters in any case: the
@@ -70,7 +65,7 @@ int DescribeToOutputs(const KALDO::typeProperty* inputs, DescriptionReader reade
 
 // The boundary of every exported function, as the handler of a
 // function-try-block: nothing thrown inside (a failed allocation, a library's
-// exception) reaches the host, which gets -1 with a record instead.
+// exception) reaches the host, which gets kFailed with a record instead.
 //   int Method(...) try { ... } IMPLVM_BOUNDARY
 #define IMPLVM_BOUNDARY                                        \
     catch (...) {                                              \
