@@ -17,6 +17,7 @@
 #include "KALDO/CStringUtils.h"
 #include "KALDO/typeProperty.h"
 #include "MethodFrame.h"
+#include "Readers.h"
 #include "TextRules.h"
 
 using KALDO::CStringUtils;
@@ -40,31 +41,6 @@ constexpr const wchar_t* kFavouritePath = L"\\spath";
 
 void AppendUntagged(std::vector<std::wstring>& vmxPaths, const std::wstring& tagged) {
     if (tagged.size() > 1) vmxPaths.push_back(tagged.substr(2));
-}
-
-constexpr std::wstring_view kConfigBegin = L"config = \"";
-constexpr std::wstring_view kConfigEnd = L"\"";
-
-// The vmInventory names each VM on a `vmlistN.config = "<path>"` line. After
-// a value the scan resumes past the first occurrence of that value in what
-// is left (not past its marker), and an empty `config = ""` is stepped over;
-// a last entry without its closing quote ends the scan. Positions stand in
-// for the remaining text, so the walk costs the file's length, not a copy
-// of its tail per entry.
-void ScanInventory(const std::wstring& text, std::vector<std::wstring>& vmxPaths) {
-    size_t from = 0;
-    for (;;) {
-        size_t valuePos = npos;
-        std::wstring value = CStringUtils::ExtractStringBetweenEnhance(text, kConfigBegin,
-                                                                       kConfigEnd, from, &valuePos);
-        if (valuePos == npos) return;
-        if (value.empty()) {
-            from = valuePos + kConfigEnd.size();
-            continue;
-        }
-        from = text.find(value, from) + value.size();
-        vmxPaths.push_back(std::move(value));
-    }
 }
 
 // ---- .vmx reader ----
@@ -500,7 +476,7 @@ int VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs(int, int, int, const KALDO::
         // inventory's text is several times the size of the list.
         std::wstring text;
         if (KALDO::CFileUtils::ReadFromTextFile(home + kInventory, text) >= 0)
-            ScanInventory(text, vmxPaths);
+            vmxPaths = ImplVm::Readers::VmInventoryPaths(text);
     }
     ImplVm::WriteVmList(outputs, std::move(vmxPaths));
     return 0;
