@@ -1,12 +1,9 @@
-// VMware Fusion: the VM library (preferences list or vmInventory), the .vmx
-// reader with its guest-OS table and power-state rules, and the power and
-// snapshot actions through vmrun.
-#include <array>
-#include <iterator>
-#include <span>
+// VMware Fusion, the collecting part: the files it reads (preferences,
+// vmInventory, .vmx, vmware.log), the folders and the process table it
+// looks at, and vmrun, which it runs for the power and snapshot actions.
+// What those texts say is read by ImplVm::Readers (Readers_VmWare.cpp).
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "ImplVirtualMachine.h"
@@ -18,7 +15,6 @@
 #include "KALDO/typeProperty.h"
 #include "MethodFrame.h"
 #include "Readers.h"
-#include "TextRules.h"
 
 using KALDO::CStringUtils;
 using KALDO::typeProperty;
@@ -31,96 +27,13 @@ constexpr const wchar_t* kVmrun = L"/Applications/VMware Fusion.app/Contents/Lib
 constexpr const wchar_t* kPreferences = L"/Library/Preferences/com.vmware.fusion.plist";
 constexpr const wchar_t* kInventory = L"/Library/Application Support/VMware Fusion/vmInventory";
 
-// ---- Library ----
-
-// Every key and string of the preferences tree carries the reader's two
-// character type tag ("\s"); values are taken without it.
-constexpr const wchar_t* kFavourites = L"\\sVMFavoritesListDefaults";
-constexpr const wchar_t* kFavourites2 = L"\\sVMFavoritesListDefaults2";
-constexpr const wchar_t* kFavouritePath = L"\\spath";
-
-void AppendUntagged(std::vector<std::wstring>& vmxPaths, const std::wstring& tagged) {
-    if (tagged.size() > 1) vmxPaths.push_back(tagged.substr(2));
-}
-
 // ---- .vmx reader ----
-
-// A .vmx value: `key = "value"` up to the quote that ends its line. The
-// search takes the first match anywhere in the text, as Fusion's own lookup
-// of a key name does.
-std::wstring VmxValue(const std::wstring& vmx, const std::wstring& key) {
-    return CStringUtils::ParseSubstringFromString(vmx, L"", key + L" = \"", L"\"\n", nullptr);
-}
-
-// "OS" of a guestOS key: Fusion writes the keys in lower case; a key is
-// either a whole value or the start of one, letters in any case.
-struct GuestOs {
-    const wchar_t* name;
-    ImplVm::OsFamily family;
-};
-
-using ImplVm::Where;
-constexpr Where kIs = Where::kWhole;
-constexpr Where kBegins = Where::kStartAnyCase;
-
-// First match wins: a longer key stands before a key it begins with
-// ("winxppro-64" before "winxp", "windows7srv" before "windows7").
-constexpr ImplVm::TextRule<GuestOs> kGuestOsTable[] = {
-    {L"win31", kIs, {L"Windows 3.11", ImplVm::kWindows}},
-    {L"win95", kIs, {L"Windows 95", ImplVm::kWindows}},
-    {L"win98", kIs, {L"Windows 98", ImplVm::kWindows}},
-    {L"winme", kIs, {L"Windows ME", ImplVm::kWindows}},
-    {L"winnt", kIs, {L"Windows NT", ImplVm::kWindows}},
-    {L"win2000", kBegins, {L"Windows 2000", ImplVm::kWindows}},
-    {L"winxppro-64", kBegins, {L"Windows XP x64 Edition", ImplVm::kWindows}},
-    {L"winxp", kBegins, {L"Windows XP", ImplVm::kWindows}},
-    {L"winnet", kBegins, {L"Windows Server 2003", ImplVm::kWindows}},
-    {L"winvista", kBegins, {L"Windows Vista", ImplVm::kWindows}},
-    {L"longhorn", kBegins, {L"Windows Server 2008", ImplVm::kWindows}},
-    {L"windows7srv", kBegins, {L"Windows Server 2008 R2", ImplVm::kWindows}},
-    {L"winhyperv", kBegins, {L"Windows Hyper-V", ImplVm::kWindows}},
-    {L"windows8srv", kBegins, {L"Windows Server 2012", ImplVm::kWindows}},
-    {L"windows7", kBegins, {L"Windows 7", ImplVm::kWindows}},
-    {L"windows8", kBegins, {L"Windows 8", ImplVm::kWindows}},
-    {L"asianux", kBegins, {L"Asianux", ImplVm::kLinux}},
-    {L"centos", kBegins, {L"Cent OS", ImplVm::kLinux}},
-    {L"debian", kBegins, {L"Debian", ImplVm::kLinux}},
-    {L"fedora", kBegins, {L"Fedora", ImplVm::kLinux}},
-    {L"mandrake", kBegins, {L"Mandrake Linux", ImplVm::kLinux}},
-    {L"mandriva", kBegins, {L"Mandriva", ImplVm::kLinux}},
-    {L"nld", kBegins, {L"Novell Linux Desktop", ImplVm::kLinux}},
-    {L"opensuse", kBegins, {L"Open Suse", ImplVm::kLinux}},
-    {L"oraclelinux", kBegins, {L"Oracle Enterprise Linux", ImplVm::kLinux}},
-    {L"redhat", kBegins, {L"Red Hat Linux", ImplVm::kLinux}},
-    {L"rhel", kBegins, {L"Red Hat Enterprise Linux", ImplVm::kLinux}},
-    {L"sjds", kBegins, {L"Sun Java Desktop System", ImplVm::kLinux}},
-    {L"suse", kBegins, {L"SUSE Linux", ImplVm::kLinux}},
-    {L"sles", kBegins, {L"Suse Linux Enterprise", ImplVm::kLinux}},
-    {L"turbolinux", kBegins, {L"Turbolinux", ImplVm::kLinux}},
-    {L"ubuntu", kBegins, {L"Ubuntu Linux", ImplVm::kLinux}},
-    {L"other26xlinux", kBegins, {L"Linux 2.6", ImplVm::kLinux}},
-    {L"other24xlinux", kBegins, {L"Linux 2.4", ImplVm::kLinux}},
-    {L"other22xlinux", kBegins, {L"Linux 2.2", ImplVm::kLinux}},
-    {L"darwin", kBegins, {L"Mac OS X", ImplVm::kMacOs}},
-    {L"netware", kBegins, {L"NetWare", ImplVm::kOtherOs}},
-    {L"solaris", kBegins, {L"Solaris", ImplVm::kOtherOs}},
-    {L"vmkernel", kBegins, {L"VMware ESX", ImplVm::kOtherOs}},
-};
-static_assert(ImplVm::FirstShadowedRule(kGuestOsTable) == std::size(kGuestOsTable));
-constexpr GuestOs kUnknownGuest = {L"Unknown OS", ImplVm::kOtherOs};
-
-// "connectionType" values, compared exactly; any other gives no "Type".
-constexpr ImplVm::TextRule<ImplVm::Attachment> kConnectionTable[] = {
-    {L"nat", kIs, ImplVm::kNat},
-    {L"bridged", kIs, ImplVm::kBridged},
-    {L"hostonly", kIs, ImplVm::kHostOnly},
-};
 
 // vmx text of the VM; `vmPath` becomes the VM folder when the .vmx had to be
 // searched for. Returns 0 with `searchGaveUp` set when the folder holds more
 // than one .vmx: which of them is meant cannot be told.
-int ReadVmx(std::wstring& vmPath, const std::wstring& fileName, bool isVmxPath, std::wstring& vmx,
-            bool& searchGaveUp) {
+int ReadVmxText(std::wstring& vmPath, const std::wstring& fileName, bool isVmxPath,
+                std::wstring& vmx, bool& searchGaveUp) {
     searchGaveUp = false;
     const std::wstring direct = isVmxPath ? vmPath : vmPath + L"/" + fileName + L".vmx";
     if (KALDO::CFileUtils::ReadFromTextFile(direct, vmx) >= 0) return 0;
@@ -151,43 +64,13 @@ int ReadVmx(std::wstring& vmPath, const std::wstring& fileName, bool isVmxPath, 
     return rc < 0 ? IMPLVM_FAIL(rc) : 0;
 }
 
-// The start of the last occurrence of needle in text, or npos. rfind tries
-// the whole needle at every position from the end; over a log of hundreds of
-// megabytes a skipping search (Horspool's, mirrored) costs a fraction of
-// that. shift[c]: how far the window may move left when the text character
-// at its start is c, i.e. the nearest later position of c in the needle;
-// characters share a slot by their low byte, keeping the smallest shift.
-size_t FindLast(const std::wstring& text, std::wstring_view needle) {
-    const size_t n = needle.size();
-    if (n == 0 || n > text.size()) return n == 0 ? text.size() : npos;
-    std::array<size_t, 256> shift;
-    shift.fill(n);
-    for (size_t i = n - 1; i > 0; --i) shift[needle[i] & 0xFF] = i;
-    for (size_t start = text.size() - n;;) {
-        if (text[start] == needle[0] && std::wstring_view(text).substr(start, n) == needle)
-            return start;
-        const size_t step = shift[text[start] & 0xFF];
-        if (start < step) return npos;
-        start -= step;
-    }
-}
-
-// A VM that Fusion paused through its automation interface logs
-// "pause = TRUE" and, once resumed, "pause = FALSE". Only the last TRUE
-// matters: without a later FALSE the VM is paused.
-bool PausedByLog(const std::wstring& log) {
-    const size_t pauseOn = FindLast(log, L"VMAutomation_Pause: pause = TRUE");
-    return pauseOn != npos && log.find(L"VMAutomation_Pause: pause = FALSE", pauseOn) == npos;
-}
-
 // Fusion 4 and later: the .vmx's vmState names the suspend file while the VM
 // is suspended; with no vmState a running VM shows in the process table and
 // its log tells running from paused.
-int StateFromVmxAndLog(const std::wstring& vmx, const std::wstring& vmPath, int fusionMajorVersion,
-                       int& state) {
-    const std::wstring vmState = VmxValue(vmx, L"vmState");
+int StateFromVmxAndLog(const std::wstring& vmState, const std::wstring& vmPath,
+                       int fusionMajorVersion, int& state) {
     if (!vmState.empty()) {
-        state = vmState.find(L".vmss") != npos ? ImplVm::kSuspended : ImplVm::kStopped;
+        state = ImplVm::Readers::StateFromVmState(vmState);
         return ImplVm::kDone;
     }
     std::wstring listing;
@@ -203,129 +86,17 @@ int StateFromVmxAndLog(const std::wstring& vmx, const std::wstring& vmPath, int 
     std::wstring log;
     const int rc = KALDO::CFileUtils::ReadFromTextFile(vmFolder + L"/vmware.log", log);
     if (rc < 0) return IMPLVM_FAIL(rc);
-    state = PausedByLog(log) ? ImplVm::kSuspended : ImplVm::kRunning;
+    state = ImplVm::Readers::StateFromLog(log);
     return ImplVm::kDone;
 }
 
-// Before Fusion 4: the memory file exists while the VM is running or
-// suspended, its lock only while it runs.
+// Before Fusion 4: the memory files in the VM folder.
 int StateFromMemoryFiles(const std::wstring& vmFolder, int& state) {
     std::vector<std::wstring> names;
     const int rc = KALDO::CFileUtils::GetDirectoryList(vmFolder, names);
     if (rc < 0) return IMPLVM_FAIL(rc);
-    bool memory = false;
-    bool lock = false;
-    for (const std::wstring& name : names) {
-        if (CStringUtils::EndsWith(name, L".vmem", 0)) memory = true;
-        if (CStringUtils::EndsWith(name, L".vmem.lck", 0)) lock = true;
-    }
-    state = !memory ? ImplVm::kStopped : (lock ? ImplVm::kRunning : ImplVm::kSuspended);
+    state = ImplVm::Readers::StateFromMemoryFiles(names);
     return ImplVm::kDone;
-}
-
-// The adapter keys the reader uses, `ethernetN.<field> = "`.
-enum AdapterField { kPresent, kConnectionType, kStartConnected, kAdapterFields };
-constexpr std::wstring_view kAdapterFieldMarkers[kAdapterFields] = {
-    L"present = \"", L"connectionType = \"", L"startConnected = \""};
-
-struct AdapterValues {
-    std::array<std::wstring_view, kAdapterFields> value;  // "" where missing or unterminated
-    std::array<bool, kAdapterFields> seen{};
-};
-
-// Every adapter key of a .vmx in one pass, with the value VmxValue would
-// give it: that of the key's first occurrence anywhere in the text (a longer
-// key ending in it counts too), ASCII letters in any case, up to the quote
-// that ends its line. Asking VmxValue for each key in turn would rescan the
-// file per adapter, quadratic in the number of adapters. Indexed by adapter
-// number; the values point into the text. Only numbers the reader can reach
-// are kept: adapters 0 to n all need their own "present" key.
-std::vector<AdapterValues> ScanAdapters(std::wstring_view vmx) {
-    std::vector<AdapterValues> adapters;
-    const size_t reachable =
-        vmx.size() / (L"ethernet0." + std::wstring(kAdapterFieldMarkers[kPresent])).size();
-    constexpr std::wstring_view kEthernet = L"ethernet";
-    // The end of the value that starts at `from`: the next quote before a
-    // line end (npos: none). Values start further on each time, so one
-    // answer serves until a value starts past it.
-    size_t valueEnd = 0;
-    bool known = false;
-    const auto endOfValueFrom = [&](size_t from) {
-        if (known && (valueEnd == npos || valueEnd >= from)) return valueEnd;
-        known = true;
-        for (valueEnd = vmx.find(L'"', from); valueEnd != npos;
-             valueEnd = vmx.find(L'"', valueEnd + 1)) {
-            const std::wstring_view after = vmx.substr(valueEnd + 1, 2);
-            if (after.starts_with(L'\n') || after == L"\r\n") break;
-        }
-        return valueEnd;
-    };
-    for (size_t at = 0; at + kEthernet.size() <= vmx.size(); ++at) {
-        if ((vmx[at] | 0x20) != L'e') continue;
-        int n = 0;
-        size_t p = ImplVm::NumberedKeyAt(vmx, at, kEthernet, n);
-        if (p == npos || p >= vmx.size() || vmx[p] != L'.' || static_cast<size_t>(n) >= reachable)
-            continue;
-        ++p;
-        for (int f = 0; f < kAdapterFields; ++f) {
-            if (!ImplVm::MatchesFoldedAt(vmx, p, kAdapterFieldMarkers[f])) continue;
-            if (static_cast<size_t>(n) >= adapters.size())
-                adapters.resize(static_cast<size_t>(n) + 1);
-            AdapterValues& values = adapters[static_cast<size_t>(n)];
-            if (values.seen[f]) break;
-            values.seen[f] = true;
-            const size_t start = p + kAdapterFieldMarkers[f].size();
-            const size_t end = endOfValueFrom(start);
-            if (end != npos) values.value[f] = vmx.substr(start, end - start);
-            break;
-        }
-    }
-    return adapters;
-}
-
-// An adapter the reader lists: its number and what its record says.
-struct Adapter {
-    size_t number;
-    ImplVm::Attachment type;  // kOtherAttachment: no "Type"
-    bool connected;
-};
-
-// ethernet0, ethernet1, ... up to the first index without a "present" key;
-// a "FALSE" one is left out but keeps its number.
-std::vector<Adapter> ListAdapters(std::wstring_view vmx) {
-    const std::vector<AdapterValues> keys = ScanAdapters(vmx);
-    std::vector<Adapter> adapters;
-    for (size_t n = 0; n < keys.size(); ++n) {
-        const AdapterValues& values = keys[n];
-        const std::wstring_view present = values.value[kPresent];
-        if (present.empty()) break;
-        if (present == L"FALSE") continue;
-        const ImplVm::Attachment type = ImplVm::FirstMatch(
-            kConnectionTable, values.value[kConnectionType], ImplVm::kOtherAttachment);
-        adapters.push_back({n, type, values.value[kStartConnected] != L"FALSE"});
-    }
-    return adapters;
-}
-
-// The "Networks" records of the listed adapters.
-typeProperty AdapterRecords(const std::vector<Adapter>& adapters) {
-    // The keys made once: a VM may have many thousands of adapters.
-    static const std::wstring kName = L"Name", kType = L"Type", kIsConnected = L"IsConnected",
-                              kMacAddress = L"MacAddress";
-    typeProperty networks;
-    std::wstring name = L"Network";  // "Network", then "Network 2", ...; made in place
-    const size_t stem = name.size();
-    for (const Adapter& a : adapters) {
-        name.resize(stem);
-        if (a.number > 0) (name += L' ') += CStringUtils::I32ToStr(static_cast<int>(a.number) + 1);
-        typeProperty adapter;
-        adapter.addMapVal(kName, name);
-        if (a.type != ImplVm::kOtherAttachment) adapter.addMapVal(kType, a.type);
-        adapter.addMapVal(kIsConnected, a.connected ? 1 : 0);
-        adapter.addMapVal(kMacAddress, std::wstring());
-        networks.addVecVal(std::move(adapter));
-    }
-    return networks;
 }
 
 // Reads "Name" and fills `description` for it; failures are recorded here.
@@ -341,41 +112,10 @@ int ReadDescription(const KALDO::CSoftwareVersion* version, const typeProperty* 
 
 // ---- vmrun ----
 
-// How vmrun's answer after a failing exit maps to a result code; no rule
-// that holds means the action counts as done. vmrun's messages begin its
-// output, letters as written.
-using VmrunRule = ImplVm::TextRule<int>;
-constexpr Where kOpens = Where::kStart;
+// How a failing run's output maps to a result code (ImplVm::Readers).
+using VmrunAnswer = int (*)(std::wstring_view out);
 
-constexpr VmrunRule kPowerAnswers[] = {
-    {L"Error: Cannot open VM", kOpens, ImplVm::kNotFound},
-    {L"Error: The virtual machine cannot be found", kOpens, ImplVm::kNotFound},
-    {L"Error: Cannot lock VM", kOpens, ImplVm::kLocked},
-    {L"Error", kOpens, ImplVm::kFailed},
-};
-
-constexpr VmrunRule kSnapshotAnswers[] = {
-    {L"Error: The state of the virtual machine has not changed since the last snapshot "
-     L"operation",
-     Where::kAnywhere, ImplVm::kUnchanged},
-    {L"Error: Cannot open VM", kOpens, ImplVm::kNotFound},
-    {L"Error: A file by that name does not exist", kOpens, ImplVm::kNotFound},
-    {L"Error: The snapshot does not exist", kOpens, ImplVm::kNotFound},
-    {L"Error: The virtual machine cannot be found", kOpens, ImplVm::kNotFound},
-    {L"Error: The name does not uniquely identify one snapshot", kOpens, ImplVm::kRefused},
-    {L"Error: Cannot lock VM", kOpens, ImplVm::kLocked},
-};
-
-// What listSnapshots printed, whatever its exit status.
-constexpr VmrunRule kSnapshotListAnswers[] = {
-    {L"Error: Cannot open VM", kOpens, ImplVm::kNotFound},
-    {L"Total snapshots:", Where::kAbsent, ImplVm::kFailed},
-};
-
-static_assert(ImplVm::FirstShadowedRule(kPowerAnswers) == std::size(kPowerAnswers));
-static_assert(ImplVm::FirstShadowedRule(kSnapshotAnswers) == std::size(kSnapshotAnswers));
-
-int RunVmrun(const std::vector<std::wstring>& args, std::span<const VmrunRule> answers) {
+int RunVmrun(const std::vector<std::wstring>& args, VmrunAnswer answer) {
     int exitCode = 0;
     std::wstring out;
     // Every run here changes the VM (power, snapshots): an action's time limit.
@@ -383,7 +123,7 @@ int RunVmrun(const std::vector<std::wstring>& args, std::span<const VmrunRule> a
                                                            nullptr, {.isAction = true});
     if (rc < 0) return IMPLVM_FAIL(rc);
     if (exitCode == 0) return ImplVm::kDone;
-    return IMPLVM_RECORD(ImplVm::FirstMatch(answers, out, ImplVm::kDone));
+    return IMPLVM_RECORD(answer(out));
 }
 
 // StopVM and SuspendVM: nothing to do in `doneState`; in `startFirstState`
@@ -429,25 +169,8 @@ int VirtualMachineImpl_VmWareFusion1_GetAllVms(std::vector<std::wstring>& vmxPat
     rc = KALDO::CAppleUtils::ReadPlistFileToTypePropertyTree(path, preferences);
     if (rc < 0) return IMPLVM_FAIL(rc);
 
-    // Older Fusions keep a list of paths, newer ones a list of records; a
-    // library in the older form is never merged with the newer one.
-    std::vector<typeProperty> favourites;
-    if (preferences.getMapVal(kFavourites, favourites) >= 0) {
-        for (const typeProperty& entry : favourites) {
-            std::wstring tagged;
-            rc = entry.getString(tagged);
-            if (rc < 0) return IMPLVM_FAIL(rc);
-            AppendUntagged(vmxPaths, tagged);
-        }
-        return 0;
-    }
-    if (preferences.getMapVal(kFavourites2, favourites) < 0) return 0;
-    for (const typeProperty& entry : favourites) {
-        std::wstring tagged;
-        rc = entry.lookupString(kFavouritePath, tagged);
-        if (rc < 0) return IMPLVM_FAIL(rc);
-        AppendUntagged(vmxPaths, tagged);
-    }
+    rc = ImplVm::Readers::FavouritePaths(preferences, vmxPaths);
+    if (rc < 0) return IMPLVM_FAIL(rc);
     return 0;
 }
 IMPLVM_BOUNDARY
@@ -498,32 +221,23 @@ int VirtualMachineImpl_VmWareFusion1_GetInfoForVm(const std::wstring& vmIdentifi
     std::wstring vmPath = vmIdentifier;
     std::wstring vmx;
     bool searchGaveUp = false;
-    rc = ReadVmx(vmPath, fileName, isVmxPath, vmx, searchGaveUp);
+    rc = ReadVmxText(vmPath, fileName, isVmxPath, vmx, searchGaveUp);
     if (rc < 0 || searchGaveUp) return rc;
 
-    const std::wstring displayName = VmxValue(vmx, L"displayName");
-    if (displayName.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
-    const std::wstring guestOsKey = VmxValue(vmx, L"guestOS");
-    if (guestOsKey.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
-    const GuestOs guest = ImplVm::FirstMatch(kGuestOsTable, guestOsKey, kUnknownGuest);
-    typeProperty os;
-    os.addMapVal(L"Type", guest.family);
-    os.addMapVal(L"Distribution", std::wstring(guest.name));
+    const ImplVm::Readers::VmxFacts facts = ImplVm::Readers::ReadVmx(std::move(vmx));
+    if (facts.displayName.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
+    if (facts.guestOs.empty()) return IMPLVM_RECORD(ImplVm::kFailed);
 
     int state = 0;
-    rc = fusionMajorVersion >= 4 ? StateFromVmxAndLog(vmx, vmPath, fusionMajorVersion, state)
-                                 : StateFromMemoryFiles(isVmxPath ? folder : vmPath, state);
+    rc = fusionMajorVersion >= 4
+             ? StateFromVmxAndLog(facts.vmState, vmPath, fusionMajorVersion, state)
+             : StateFromMemoryFiles(isVmxPath ? folder : vmPath, state);
     if (rc < 0) return rc;
 
-    const std::vector<Adapter> adapters = ListAdapters(vmx);
-    // The text goes before the records are made: a VM with many adapters
-    // would hold both at once.
-    std::wstring().swap(vmx);
-    const typeProperty networks = AdapterRecords(adapters);
-    description->addString(L"UserFriendlyName", displayName);
-    description->addSubTree(L"OS", os);
+    description->addString(L"UserFriendlyName", facts.displayName);
+    description->addSubTree(L"OS", facts.os);
     description->addInteger(L"State", state);
-    description->addSubTree(L"Networks", networks);
+    description->addSubTree(L"Networks", facts.networks);
     return 0;
 }
 IMPLVM_BOUNDARY
@@ -557,7 +271,7 @@ IMPLVM_BOUNDARY
 
 int VirtualMachineImpl_VmwareFusion_PerformVMAction(const std::wstring& action,
                                                     const std::wstring& vmPath) try {
-    return RunVmrun({action, vmPath}, kPowerAnswers);
+    return RunVmrun({action, vmPath}, ImplVm::Readers::VmrunPowerAnswer);
 }
 IMPLVM_BOUNDARY
 
@@ -589,7 +303,7 @@ IMPLVM_BOUNDARY
 
 int ControlSnapshot(const std::wstring& vmName, const std::wstring& action,
                     const std::wstring& snapshotName) try {
-    return RunVmrun({action, vmName, snapshotName}, kSnapshotAnswers);
+    return RunVmrun({action, vmName, snapshotName}, ImplVm::Readers::VmrunSnapshotAnswer);
 }
 IMPLVM_BOUNDARY
 
@@ -616,19 +330,9 @@ int VirtualMachineImpl_VmWareFusion4_ListSnapshots(int, int, int, const KALDO::C
     rc = KALDO::CProcessUtils::ExecuteSafeToText(kVmrun, {L"listSnapshots", name}, exitCode, &out,
                                                  nullptr, nullptr);
     if (rc < 0) return IMPLVM_FAIL(rc);
-    rc = ImplVm::FirstMatch(kSnapshotListAnswers, out, ImplVm::kDone);
-    if (rc < 0) return IMPLVM_RECORD(rc);
-
-    // vmrun ends its lines with CR LF; the first line is the count.
-    const std::vector<std::wstring> lines = CStringUtils::Separate(out, L"\r\n");
-    typeProperty snapshots;
-    snapshots.changeTypeToVec();
-    typeProperty entry;
-    for (size_t i = 1; i < lines.size(); ++i) {
-        entry.addMapVal(L"Snapshot", lines[i]);
-        snapshots.addVecVal(entry);
-    }
-    outputs->addSubTree(L"Snapshots", snapshots);
+    const ImplVm::Readers::SnapshotList list = ImplVm::Readers::VmrunSnapshotList(out);
+    if (list.code < 0) return IMPLVM_RECORD(list.code);
+    outputs->addSubTree(L"Snapshots", list.snapshots);
     return 0;
 }
 IMPLVM_BOUNDARY

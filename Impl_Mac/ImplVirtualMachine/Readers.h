@@ -20,6 +20,51 @@ namespace ImplVm::Readers {
 // line, in file order.
 std::vector<std::wstring> VmInventoryPaths(const std::wstring& text);
 
+// Appends the .vmx paths of a Fusion 1-4 preferences tree (as the plist
+// reader tags it) to vmxPaths: its older favourites list when it has one,
+// else its newer list of records. 0, or the code of the first entry without
+// a path, where it stops.
+int FavouritePaths(const KALDO::typeProperty& preferences, std::vector<std::wstring>& vmxPaths);
+
+// What a .vmx says of its VM. Each key reads as its first `key = "` anywhere
+// in the text, up to the quote that ends that line ("" when missing).
+struct VmxFacts {
+    std::wstring displayName;
+    std::wstring guestOs;          // the guestOS key as written
+    KALDO::typeProperty os;        // "OS": Type and Distribution of the guest-OS table
+    std::wstring vmState;          // Fusion 4 on: the suspend file while suspended
+    KALDO::typeProperty networks;  // "Networks"; untyped without adapters
+};
+// The adapters are read in one pass, at a cost linear in the text's length;
+// the text is let go before their records are made.
+VmxFacts ReadVmx(std::wstring vmx);
+
+// Fusion 4 on, the state a .vmx's non-empty vmState gives: suspended when
+// it names a .vmss file, else stopped.
+VmState StateFromVmState(std::wstring_view vmState);
+
+// A running VM's state by its vmware.log: suspended (paused) after a last
+// "pause = TRUE" with no later "pause = FALSE", else running.
+VmState StateFromLog(const std::wstring& log);
+
+// Before Fusion 4, by the VM folder's entry names: a .vmem while running or
+// suspended, its .vmem.lck only while running; stopped without a .vmem.
+VmState StateFromMemoryFiles(const std::vector<std::wstring>& names);
+
+// The code of a power action (start, stop, suspend) or a snapshot change
+// (snapshot, deleteSnapshot) whose vmrun exited non-zero, by what it
+// printed; 0 when it printed no message the action knows.
+int VmrunPowerAnswer(std::wstring_view out);
+int VmrunSnapshotAnswer(std::wstring_view out);
+
+// What `vmrun listSnapshots` printed, whatever its exit status: the code
+// and, when it is 0, one {"Snapshot"} per line after the count line.
+struct SnapshotList {
+    int code = kDone;
+    KALDO::typeProperty snapshots;
+};
+SnapshotList VmrunSnapshotList(const std::wstring& out);
+
 // ---- Parallels Desktop ----
 
 // ---- VirtualBox ----
