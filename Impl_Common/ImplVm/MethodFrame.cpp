@@ -1,10 +1,7 @@
 #include "MethodFrame.h"
 
-#include <climits>
-
 #include "KALDO/CErrorInfo.h"
 #include "KALDO/CStringUtils.h"
-#include "TextRules.h"
 
 namespace ImplVm {
 
@@ -20,23 +17,6 @@ int RecordUnexpected(const char* file, int line) noexcept {
     } catch (...) {
         return kFailed;
     }
-}
-
-bool MatchesFoldedAt(std::wstring_view text, size_t at, std::wstring_view marker) {
-    return at <= text.size() && StartsAnyCase(text.substr(at), marker);
-}
-
-size_t NumberedKeyAt(std::wstring_view text, size_t at, std::wstring_view word, int& number) {
-    constexpr size_t npos = std::wstring_view::npos;
-    if (!MatchesFoldedAt(text, at, word)) return npos;
-    const size_t digits = at + word.size();
-    size_t p = digits;
-    long long n = 0;
-    while (p < text.size() && text[p] >= L'0' && text[p] <= L'9' && n <= INT_MAX)
-        n = n * 10 + (text[p++] - L'0');
-    if (p == digits || n > INT_MAX || (text[digits] == L'0' && p - digits > 1)) return npos;
-    number = static_cast<int>(n);
-    return p;
 }
 
 int ReadInput(const KALDO::typeProperty* inputs, const wchar_t* key, std::wstring& value) {

@@ -22,17 +22,6 @@ int Record(int code, const char* file, int line);
 // kFailed also when even the record cannot be made.
 int RecordUnexpected(const char* file, int line) noexcept;
 
-// Whether `marker` stands at `at` in text, ASCII letters in any case: the
-// support library's marker matching, for the readers that index a text in
-// one pass instead of searching it key by key.
-bool MatchesFoldedAt(std::wstring_view text, size_t at, std::wstring_view marker);
-
-// A numbered key at `at`: `word` (ASCII letters in any case), then a number
-// as a key built with I32ToStr writes it (plain decimal, no leading zero,
-// within int). Where the digits end, with the number in `number`; npos when
-// the text there is no such key.
-size_t NumberedKeyAt(std::wstring_view text, size_t at, std::wstring_view word, int& number);
-
 // Reads a string input with the tree's virtual string lookup; the lookup's
 // own code is returned (negative when the key is missing).
 int ReadInput(const KALDO::typeProperty* inputs, const wchar_t* key, std::wstring& value);

@@ -4,6 +4,7 @@
 // giving the answer.
 #pragma once
 
+#include <climits>
 #include <cstddef>
 #include <span>
 #include <string_view>
@@ -36,6 +37,31 @@ constexpr bool StartsAnyCase(std::wstring_view text, std::wstring_view start) {
     for (size_t i = 0; i < start.size(); ++i)
         if (FoldAscii(text[i]) != FoldAscii(start[i])) return false;
     return true;
+}
+
+// Whether `marker` stands at `at` in text, ASCII letters in any case: the
+// support library's marker matching, for the readers that index a text in
+// one pass instead of searching it key by key.
+constexpr bool MatchesFoldedAt(std::wstring_view text, size_t at, std::wstring_view marker) {
+    return at <= text.size() && StartsAnyCase(text.substr(at), marker);
+}
+
+// A numbered key at `at`: `word` (ASCII letters in any case), then a number
+// as a key built with I32ToStr writes it (plain decimal, no leading zero,
+// within int). Where the digits end, with the number in `number`; npos when
+// the text there is no such key.
+constexpr size_t NumberedKeyAt(std::wstring_view text, size_t at, std::wstring_view word,
+                               int& number) {
+    if (!MatchesFoldedAt(text, at, word)) return std::wstring_view::npos;
+    const size_t digits = at + word.size();
+    size_t p = digits;
+    long long n = 0;
+    while (p < text.size() && text[p] >= L'0' && text[p] <= L'9' && n <= INT_MAX)
+        n = n * 10 + (text[p++] - L'0');
+    if (p == digits || n > INT_MAX || (text[digits] == L'0' && p - digits > 1))
+        return std::wstring_view::npos;
+    number = static_cast<int>(n);
+    return p;
 }
 
 template <class Answer>

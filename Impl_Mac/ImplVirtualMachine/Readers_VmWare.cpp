@@ -105,23 +105,6 @@ constexpr TextRule<Attachment> kConnectionTable[] = {
     {L"hostonly", kIs, kHostOnly},
 };
 
-// `word` at `at`, ASCII letters in any case, then a number as I32ToStr
-// writes it (plain decimal, no leading zero, within int): where the digits
-// end, with the number in `number`; npos when the text there is no such
-// key. The method frame's NumberedKeyAt reads keys the same way; the
-// readers' library is built without the frame.
-size_t NumberedKeyAt(std::wstring_view text, size_t at, std::wstring_view word, int& number) {
-    if (at > text.size() || !StartsAnyCase(text.substr(at), word)) return npos;
-    const size_t digits = at + word.size();
-    size_t p = digits;
-    long long n = 0;
-    while (p < text.size() && text[p] >= L'0' && text[p] <= L'9' && n <= INT_MAX)
-        n = n * 10 + (text[p++] - L'0');
-    if (p == digits || n > INT_MAX || (text[digits] == L'0' && p - digits > 1)) return npos;
-    number = static_cast<int>(n);
-    return p;
-}
-
 // The adapter keys the reader uses, `ethernetN.<field> = "`.
 enum AdapterField { kPresent, kConnectionType, kStartConnected, kAdapterFields };
 constexpr std::wstring_view kAdapterFieldMarkers[kAdapterFields] = {
