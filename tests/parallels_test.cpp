@@ -95,7 +95,6 @@ TEST(ParallelsReader, FailuresAreRecordedAndWriteNothing) {
     // clang-format off
     struct { std::string config, failpoint; Codes codes; } const rows[] = {
         {Pvs(), "ReadFromTextFile@" + kConfig + "=-4", {-4, -4}},
-        {Pvs("<OsType>8</OsType>"), "", {-1, -1}},
         {Pvs("<OsType>8</OsType>"), listFails, {-1, -1}},
         {Pvs(), "GetDirectoryList@" + kHome + "=-5", {-1, -1}},
         {Pvs(), adaptersFail, {-32, -32}},

@@ -41,9 +41,9 @@ VmState ParallelsState(const std::vector<std::wstring>& entries);
 // The VM's UUID, without its braces, from config.pvs text ("" when absent).
 std::wstring ParallelsVmUuid(const std::wstring& configText);
 
-// One "prlctl start" attempt: the run's result (`run`, as it stands when
-// negative), turned into kRefused by a refusal on `err` and into kDone by a
-// start or an already running VM on `out`.
+// One "prlctl start" attempt: a failed run's result as it stands; kDone
+// when `out` says the VM is starting and then started or was running; else
+// kRefused for a refusal on `err`, or the run's result.
 int ParallelsStartAnswer(int run, std::wstring_view out, std::wstring_view err);
 
 // Any other prlctl run: the run's result, or kRefused for a failed login on
