@@ -17,14 +17,10 @@ using Codes = std::vector<int>;
 const std::string kHome = "/Users/ann";
 const std::string kApp = "/Applications/VirtualBox.app";
 const std::string kTool = kApp + "/Contents/MacOS/VBoxManage";
-const std::string kRegistry = kHome + "/Library/VirtualBox/VirtualBox.xml";
 const std::string kWin7 = kHome + "/VirtualBox VMs/Win7/Win7.vbox";
 const std::string kUuid = "0b8e4f2a-6c1d-4e8b-9d3a-5f7e2c1b0a99";
 const std::string kSettings = "<VirtualBox>\n  <Machine uuid=\"{" + kUuid + "}\" name=\"VM\">\n";
-const std::string kReport =
-    "Name:            Win7\nGuest OS:        Windows 7 (64-bit)\n"
-    "State:           running (since 2024-03-01T10:00:00.000000000)\n"
-    "NIC 1:           MAC: 0800271A2B3C, Attachment: NAT, Cable connected: on\n";
+const std::string kReport = "Name:            Win7\nState:           running (since x)\n";
 
 Codes Recorded(const implvm_test::CallResult& r) {
     Codes codes;
@@ -60,7 +56,8 @@ TEST(VirtualBox, EnumeratesByTheMajorVersionOfTheRecord) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.version + " " + row.failpoint);
         VBoxMac m;
-        if (!row.xml.empty()) m.mac.writeFile(kRegistry, row.xml);
+        if (!row.xml.empty())
+            m.mac.writeFile(kHome + "/Library/VirtualBox/VirtualBox.xml", row.xml);
         ASSERT_EQ(KALDO::CFailpoints::Set(row.failpoint), 0);
         const auto r = Call(VirtualMachineImpl_VirtualBox2_EnumerateVMs, {}, row.version);
         KALDO::CFailpoints::Clear();
@@ -70,16 +67,15 @@ TEST(VirtualBox, EnumeratesByTheMajorVersionOfTheRecord) {
     }
 }
 
-TEST(VirtualBox, DescribesFromTheBundlesToolAndRecordsEveryFailureTwice) {
-    const Json os = {{"Type", 3}, {"Distribution", "Windows 7 (64-bit)"}};
-    const Json nat = {{"Name", "Adapter 1"}, {"Type", 1}, {"IsConnected", 1}, {"MacAddress", ""}};
+// Success is the readers' and the simulated Mac's part; here every failure
+// leaves both outputs empty and is recorded by the routine and the method.
+TEST(VirtualBox, DescriptionFailuresAreRecordedTwice) {
     // clang-format off
-    struct { std::string settings, report; int exit; bool runs, described; } const rows[] = {
-        {kSettings, kReport, 0, true, true},
-        {kSettings, kReport, 1, true, false},               // the tool failed
-        {kSettings, "Name: \n" + kReport, 0, true, false},  // the report lacks a value
-        {"<Machine name=\"VM\">\n", kReport, 0, false, false},  // no UUID
-        {"", kReport, 0, false, false},                     // no settings file
+    struct { std::string settings, report; int exit; } const rows[] = {
+        {kSettings, kReport, 1},               // the tool failed
+        {kSettings, "Name: \n" + kReport, 0},  // the report lacks a value
+        {"<Machine name=\"VM\">\n", kReport, 0},  // no UUID: the tool is not run
+        {"", kReport, 0},                      // no settings file
     };
     // clang-format on
     for (const auto& row : rows) {
@@ -91,16 +87,9 @@ TEST(VirtualBox, DescribesFromTheBundlesToolAndRecordsEveryFailureTwice) {
         const auto info = Call(VirtualMachineImpl_VirtualBox2_GetVMInfo, {{"Name", kWin7}});
         const auto net = Call(VirtualMachineImpl_VirtualBox2_GetVMNetwork, {{"Name", kWin7}});
         const auto runs = m.tool.invocations();
-        EXPECT_EQ(runs.size(), row.runs ? 2u : 0u);
+        EXPECT_EQ(runs.size(), row.settings == kSettings ? 2u : 0u);
         for (const auto& run : runs) EXPECT_EQ(run.args, (Args{"showvminfo", kUuid}));
-        if (row.described) {
-            EXPECT_EQ(info.outputs, Json({{"UserFriendlyName", "Win7"}, {"OS", os}, {"State", 1}}));
-            EXPECT_EQ(net.outputs, Json({{"Networks", {nat}}}));
-            EXPECT_EQ(Recorded(info), Codes{});
-            continue;
-        }
-        EXPECT_TRUE(info.outputs.empty() && net.outputs.empty());
-        EXPECT_EQ(info.result, -1);
+        EXPECT_TRUE(info.outputs.empty() && net.outputs.empty() && info.result == -1);
         EXPECT_EQ(Recorded(net), (Codes{-1, -1}));
     }
 }
@@ -109,10 +98,7 @@ TEST(VirtualBox, ActionsRunTheStandardToolOnlyAndJudgeFailedExits) {
     {
         VBoxMac m;
         EXPECT_EQ(Call(VirtualMachineImpl_VirtualBox_4_X_ResumeVM, {{"Name", "Win 7"}}).result, 0);
-        EXPECT_EQ(Call(VirtualMachineImpl_VirtualBox_4_X_StartVM, {{"Name", "Win 7"}}).result, 0);
-        const auto runs = m.tool.invocations();
-        EXPECT_EQ(runs.at(0).args, (Args{"controlvm", "Win 7", "resume"}));
-        EXPECT_EQ(runs.at(1).args, (Args{"startvm", "Win 7"}));
+        EXPECT_EQ(m.tool.invocations().at(0).args, (Args{"controlvm", "Win 7", "resume"}));
         // Installed elsewhere: found for descriptions, not for actions.
         m.mac.remove(kApp);
         const std::string elsewhere = "/Applications/Tools/VirtualBox.app";
@@ -122,11 +108,10 @@ TEST(VirtualBox, ActionsRunTheStandardToolOnlyAndJudgeFailedExits) {
         const auto r = Call(VirtualMachineImpl_VirtualBox_4_X_StartVM, {{"Name", "Win7"}});
         EXPECT_EQ(Recorded(r), (Codes{-1, -1}));
     }
-    // The answer is judged only after a failed exit, on both outputs.
+    // The text is judged only after a failed exit, standard error included.
     // clang-format off
     struct { std::string out, err; int exit, code; } const rows[] = {
         {"VBOX_E_INVALID_VM_STATE error\n", "", 0, 0},
-        {"", "ERROR: Error: Cannot lock VM\n", 1, 0},
         {"", "error: Error: Cannot lock VM\n", 1, -32},
         {"error: Error: Cannot open VM\n", "", 2, -6},
     };
