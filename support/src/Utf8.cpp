@@ -641,32 +641,12 @@ size_t DecodeWithWindows(RunWindows runWindows, const unsigned char* in, size_t 
 }
 #endif
 
-// Filling the new characters in before the decoder writes them, as a C++20
-// string must when it grows, costs a third of the decoding of mixed text
-// (measured): the fill is a pass of its own over memory that the decoder
-// then writes again. Where the library offers a way to grow a string without
-// the fill, it is used; otherwise the fill stays.
-#if defined(_LIBCPP_VERSION)
-template <typename Text>
-concept GrowsUninitialized = requires(Text& text, size_t n) {
-    text.__resize_default_init(n);
-};
-#endif
-
-#if !defined(__cpp_lib_string_resize_and_overwrite) && defined(__GLIBCXX__) && \
-    _GLIBCXX_USE_CXX11_ABI
-// libstdc++ before C++23 sets a string's length without touching its
-// characters only in a private member. An explicit instantiation may name a
-// private member, and the friend it defines hands that member out.
-void SetLength(std::wstring& text, size_t length);
-template <void (std::wstring::*Member)(size_t)>
-struct LengthSetter {
-    friend void SetLength(std::wstring& text, size_t length) { (text.*Member)(length); }
-};
-template struct LengthSetter<&std::wstring::_M_set_length>;
-#define KALDO_SET_LENGTH 1
-#endif
-
+// Filling the new characters in before the decoder writes them, as
+// resize() must, costs a third of the decoding of mixed text (measured): the
+// fill is a pass of its own over memory that the decoder then writes again.
+// resize_and_overwrite grows the string without it; a library without it
+// keeps the fill, correct and slower.
+//
 // Lets `write` put up to `extra` characters at the end of `text`; it returns
 // how many it wrote, and the text grows by that many.
 template <typename Write>
@@ -675,19 +655,8 @@ void AppendWritten(std::wstring& text, size_t extra, Write write) {
 #if defined(__cpp_lib_string_resize_and_overwrite)
     text.resize_and_overwrite(old + extra,
                               [&](wchar_t* data, size_t) { return old + write(data + old); });
-#elif defined(KALDO_SET_LENGTH)
-    if (text.capacity() < old + extra) text.reserve(old + extra);
-    SetLength(text, old + write(text.data() + old));
-#else
-#if defined(_LIBCPP_VERSION)
-    if constexpr (GrowsUninitialized<std::wstring>) {
-        text.__resize_default_init(old + extra);
-    } else {
-        text.resize(old + extra);
-    }
 #else
     text.resize(old + extra);
-#endif
     text.resize(old + write(text.data() + old));
 #endif
 }
