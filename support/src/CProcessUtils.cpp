@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "ConsoleUserLookup.h"
 #include "KALDO/CErrorInfo.h"
