@@ -13,12 +13,15 @@ namespace KALDO::detail {
 namespace {
 
 #if KALDO_UTF8_AVX2
-// The AVX2 windows where the processor has them, unless KALDO_UTF8_VECTOR is
-// "scalar": the tests compare both paths with a plain decoder on one machine.
+// The AVX2 windows where the processor has them. In a build with test hooks
+// KALDO_UTF8_VECTOR=scalar takes the portable loop: the tests compare both
+// paths with a plain decoder on one machine.
 bool UseAvx2() {
-    __builtin_cpu_init();
+#if defined(KALDO_TEST_HOOKS)
     const char* cap = std::getenv("KALDO_UTF8_VECTOR");
     if (cap != nullptr && std::string_view(cap) == "scalar") return false;
+#endif
+    __builtin_cpu_init();
     return __builtin_cpu_supports("avx2");
 }
 #endif
