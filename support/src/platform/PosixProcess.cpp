@@ -443,6 +443,7 @@ int Reap(const std::string& hostPath, pid_t pid, const ToolLimits& limits, Progr
         return kFailed;
     }
     run.exitCode = ExitCodeOf(progress.status);
+    run.signal = WIFSIGNALED(progress.status) ? WTERMSIG(progress.status) : 0;
     if (progress.timedOut) {
         run.diagnostic = hostPath + ": killed after " + std::to_string(limits.seconds) + " s";
         return kTimedOut;
