@@ -24,7 +24,8 @@ test-asan: deps
 # docs/reliability.md); only what they need is built.
 test-tsan: deps
 	cmake --preset tsan >/dev/null
-	cmake --build --preset tsan --target concurrency_test support_files_test support_types_test
+	cmake --build --preset tsan --target concurrency_test support_files_test support_types_test \
+		support_call_records_test
 	ctest --preset tsan
 
 demo: build

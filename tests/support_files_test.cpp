@@ -173,11 +173,15 @@ TEST(Concurrency, RootAndFailpointsChangeUnderReaders) {
 }
 
 // KALDO_ROOT and KALDO_FAILPOINTS are read at first use: check them in a
-// fresh copy of this test program.
+// fresh copy of this test program. KALDO_FAILPOINTS only with test hooks: a
+// product build ignores it.
 TEST(Environment, ReadAtFirstUse) {
     int code = 0;
     if (std::getenv("KALDO_ENV_CHILD")) {
-        EXPECT_TRUE(CFailpoints::Check("ReadFromTextFile", L"/a b=c", code) && code == -32);
+        EXPECT_EQ(CFailpoints::Check("ReadFromTextFile", L"/a b=c", code), IMPLVM_TEST_HOOKS != 0);
+        if (IMPLVM_TEST_HOOKS) {
+            EXPECT_EQ(code, -32);
+        }
         EXPECT_EQ(CMachineRoot::Get(), "/tmp/env-root");
         return;
     }

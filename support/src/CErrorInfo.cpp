@@ -3,6 +3,8 @@
 #include <deque>
 #include <mutex>
 
+#include "CallRecordsSink.h"
+
 namespace KALDO {
 
 namespace {
@@ -29,6 +31,7 @@ int CErrorInfo::addIfError(int code, const wchar_t* file, int line, const std::w
     ErrorLog& log = Log();
     try {
         ErrorRecord record{code, file ? std::wstring(file) : std::wstring(), line, detail};
+        CCallRecords::Sink::error(record);
         std::lock_guard lock(log.mutex);
         log.records.push_back(std::move(record));
         if (log.records.size() > kMaxRecords) {

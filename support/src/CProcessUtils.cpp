@@ -5,8 +5,9 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <new>
 
+#include "CallRecordsSink.h"
 #include "ConsoleUserLookup.h"
 #include "KALDO/CErrorInfo.h"
 #include "KALDO/CStringUtils.h"
@@ -42,6 +43,51 @@ const std::string& ToolLocale() {
 std::wstring ToolName(const std::wstring& tool) {
     const size_t slash = tool.rfind(L'/');
     return slash == std::wstring::npos ? tool : tool.substr(slash + 1);
+}
+
+// A run that never started, for the scopes open on this thread; returns code.
+int NotStarted(const std::wstring& tool, int code, const std::wstring& diagnostic) {
+    if (CCallRecords::Sink::open()) {
+        try {
+            CCallRecords::Sink::toolFailure(
+                {ToolName(tool), ToolFailure::Kind::kNotStarted, code, L"", diagnostic});
+        } catch (const std::bad_alloc&) {
+            // The record is for the host's message; the run's answer stands.
+        }
+    }
+    return code;
+}
+
+// A run that failed, for the scopes open on this thread. The error text is
+// what the caller got as standard error: both streams when it merged them.
+void ReportRun(const std::wstring& tool, int rc, const platform::ToolRun& run, bool merged) {
+    if (!CCallRecords::Sink::open()) return;
+    ToolFailure failure;
+    failure.status = rc;
+    if (rc == kTimedOut) {
+        failure.kind = ToolFailure::Kind::kTimedOut;
+    } else if (rc == kTooLarge) {
+        failure.kind = ToolFailure::Kind::kOutputLimit;
+    } else if (rc != kOk) {
+        failure.kind = ToolFailure::Kind::kNotStarted;
+    } else if (run.signal != 0) {
+        failure.kind = ToolFailure::Kind::kSignaled;
+        failure.status = run.signal;
+    } else if (run.exitCode != 0) {
+        failure.kind = ToolFailure::Kind::kExited;
+        failure.status = run.exitCode;
+    } else {
+        return;
+    }
+    try {
+        failure.tool = ToolName(tool);
+        failure.errorText = detail::LastLines(merged ? run.out : run.err, CCallRecords::kErrorLines,
+                                              CCallRecords::kErrorTextBytes);
+        failure.diagnostic = CStringUtils::StringToWString(run.diagnostic);
+        CCallRecords::Sink::toolFailure(failure);
+    } catch (const std::bad_alloc&) {
+        // As in NotStarted.
+    }
 }
 
 std::wstring SecondsText(double seconds) {
@@ -165,7 +211,8 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
                                      std::wstring* out, std::wstring* err, std::wstring* third,
                                      const RunOptions& options) {
     int injected = 0;
-    if (CFailpoints::Check("ExecuteSafeToText", tool, injected)) return injected;
+    if (CFailpoints::Check("ExecuteSafeToText", tool, injected))
+        return NotStarted(tool, injected, L"");
 
     platform::ConsoleUser user;
     platform::RunAs runAs;
@@ -173,8 +220,9 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
     if (options.asConsoleUser) {
         const int found = detail::LookUpConsoleUser(user);
         if (found < 0) {
-            if (third != nullptr) *third = L"no user is logged in at the console";
-            return found;
+            const std::wstring why = L"no user is logged in at the console";
+            if (third != nullptr) *third = why;
+            return NotStarted(tool, found, why);
         }
         how = platform::PlanUserSwitch(static_cast<int>(::geteuid()), user.uid);
         runAs = {user.uid, user.gid, user.groups};
@@ -184,9 +232,10 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
     std::string hostPath;
     const int resolved = ResolveTool(tool, root, hostPath);
     if (resolved != kOk) {
-        if (third != nullptr)
-            *third = tool + L": " + (resolved == kNotFound ? L"not found" : L"invalid tool name");
-        return resolved;
+        const std::wstring why =
+            tool + L": " + (resolved == kNotFound ? L"not found" : L"invalid tool name");
+        if (third != nullptr) *third = why;
+        return NotStarted(tool, resolved, why);
     }
 
     std::vector<std::string> argv;
@@ -195,8 +244,9 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
     for (const std::wstring& arg : args) {
         // A NUL would end the argument early: the tool would get another one.
         if (arg.find(L'\0') != std::wstring::npos) {
-            if (third != nullptr) *third = tool + L": an argument holds U+0000";
-            return kInvalidArgument;
+            const std::wstring why = tool + L": an argument holds U+0000";
+            if (third != nullptr) *third = why;
+            return NotStarted(tool, kInvalidArgument, why);
         }
         argv.push_back(CStringUtils::WStringToString(arg));
     }
@@ -222,6 +272,7 @@ int CProcessUtils::ExecuteSafeToText(const std::wstring& tool,
         CErrorInfo::addIfError(rc, kSourceFile, __LINE__,
                                ToolName(tool) + L" printed more than " +
                                    std::to_wstring(kToolOutputLimitBytes >> 20) + L" MiB");
+    ReportRun(tool, rc, run, err == nullptr);
     if (rc != kOk && rc != kTimedOut) return rc;
     exitCode = run.exitCode;
     if (out != nullptr) *out = CStringUtils::StringToWString(run.out);

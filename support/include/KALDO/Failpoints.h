@@ -12,8 +12,10 @@
 // several rules match, the first wins. The failing operation does nothing
 // else.
 //
-// Read from KALDO_FAILPOINTS when the library is first used; Set() replaces
-// it. When no failpoint is set, a check costs one atomic load.
+// Set() and Clear() change them. A library built with IMPLVM_TEST_HOOKS (for
+// tests and benchmarks) also reads KALDO_FAILPOINTS when it is first used;
+// any other build ignores the variable. When no failpoint is set, a check
+// costs one atomic load.
 #pragma once
 
 #include <string>

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "KALDO/CAppleUtils.h"
+#include "KALDO/CCallRecords.h"
 #include "KALDO/CDbUtils.h"
 #include "KALDO/CErrorInfo.h"
 #include "KALDO/CFileUtils.h"

@@ -282,11 +282,41 @@ int ForkAs(const std::string& hostPath, const std::vector<std::string>& argv,
     return SpawnFailure(hostPath, failure.error, run);
 }
 
-}  // namespace
+using Clock = std::chrono::steady_clock;
 
-int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
-            const std::vector<std::string>& env, bool mergeErr, const ToolLimits& limits,
-            ToolRun& run, const RunAs* runAs) {
+// When a tool's time is up; never, for a tool without a limit.
+struct Deadline {
+    explicit Deadline(double seconds)
+        : limited(seconds > 0),
+          at(limited ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                          std::chrono::duration<double>(seconds))
+                     : Clock::time_point::max()) {}
+    bool limited;
+    Clock::time_point at;
+};
+
+// A started tool: its process, in a group of its own, and the read ends of
+// its output pipes (err stays closed when the streams are merged).
+struct Child {
+    pid_t pid = -1;
+    Fd out;
+    Fd err;
+};
+
+// How far a run got: whether the tool has been reaped (and its status), and
+// whether it is to be killed.
+struct Progress {
+    int status = 0;
+    bool reaped = false;
+    bool timedOut = false;
+    bool overflowed = false;  // printed past the output limit, or past what memory holds
+};
+
+// Spawn step: checks that hostPath can be run, makes the pipes and starts
+// the tool (forked when it is to run as another user).
+int StartTool(const std::string& hostPath, const std::vector<std::string>& argv,
+              const std::vector<std::string>& env, bool mergeErr, const RunAs* runAs, Child& child,
+              ToolRun& run) {
     struct stat st {};
     if (::stat(hostPath.c_str(), &st) != 0) {
         run.diagnostic = hostPath + ": " + std::strerror(errno);
@@ -298,43 +328,30 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
     }
 
     Fd devNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Fd outRead, outWrite, errRead, errWrite;
-    if (!AboveStdio(devNull) || !MakePipe(outRead, outWrite) ||
-        (!mergeErr && !MakePipe(errRead, errWrite))) {
+    Fd outWrite, errWrite;
+    if (!AboveStdio(devNull) || !MakePipe(child.out, outWrite) ||
+        (!mergeErr && !MakePipe(child.err, errWrite))) {
         run.diagnostic = std::string("cannot create pipes: ") + std::strerror(errno);
         return kFailed;
     }
+    const Streams streams{devNull.get(), outWrite.get(),
+                          mergeErr ? outWrite.get() : errWrite.get()};
+    return runAs != nullptr ? ForkAs(hostPath, argv, env, streams, *runAs, child.pid, run)
+                            : Spawn(hostPath, argv, env, streams, child.pid, run);
+}
 
-    const Streams childStreams{devNull.get(), outWrite.get(),
-                               mergeErr ? outWrite.get() : errWrite.get()};
-    pid_t pid = -1;
-    const int started = runAs != nullptr
-                            ? ForkAs(hostPath, argv, env, childStreams, *runAs, pid, run)
-                            : Spawn(hostPath, argv, env, childStreams, pid, run);
-    outWrite.reset();
-    errWrite.reset();
-    devNull.reset();
-    if (started != kOk) return started;
-
-    using Clock = std::chrono::steady_clock;
-    const double timeoutSeconds = limits.seconds;
-    const bool limited = timeoutSeconds > 0;
-    const Clock::time_point deadline =
-        limited ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                     std::chrono::duration<double>(timeoutSeconds))
-                : Clock::time_point::max();
-
+// Drain step: reads both pipes into run.out and run.err until the tool has
+// closed them, its time is up or it has printed past the limit (0: none).
+// Closes the pipes.
+void DrainOutput(Child& child, const Deadline& deadline, size_t outputLimit, ToolRun& run,
+                 Progress& progress) {
     struct Stream {
         Fd* fd;
         std::string* text;
     };
-    Stream streams[2] = {{&outRead, &run.out}, {&errRead, &run.err}};
-    int status = 0;
-    bool reaped = false;
-    bool timedOut = false;
-    bool overflowed = false;  // printed past the output limit, or past what memory holds
+    Stream streams[2] = {{&child.out, &run.out}, {&child.err, &run.err}};
     char buffer[65536];
-    while (!overflowed) {
+    while (!progress.overflowed) {
         pollfd fds[2];
         int count = 0;
         Stream* polled[2];
@@ -347,24 +364,24 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
         // Wake up now and then: a tool may exit while a daemon it started
         // keeps our pipe open, and the deadline must be noticed.
         int waitMs = 200;
-        if (limited) {
+        if (deadline.limited) {
             const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now())
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline.at - Clock::now())
                     .count();
             if (left <= 0) {
-                timedOut = true;
+                progress.timedOut = true;
                 break;
             }
             if (left < waitMs) waitMs = static_cast<int>(left);
         }
-        const int ready = ::poll(fds, count, reaped ? 0 : waitMs);
+        const int ready = ::poll(fds, count, progress.reaped ? 0 : waitMs);
         if (ready < 0) {
             if (errno == EINTR) continue;
             break;
         }
         if (ready == 0) {
-            if (reaped) break;  // exited and nothing more to read right now
-            if (WaitFor(pid, false, status) == pid) reaped = true;
+            if (progress.reaped) break;  // exited and nothing more to read right now
+            if (WaitFor(child.pid, false, progress.status) == child.pid) progress.reaped = true;
             continue;
         }
         for (int i = 0; i < count; ++i) {
@@ -374,12 +391,11 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
                 try {
                     polled[i]->text->append(buffer, static_cast<size_t>(n));
                 } catch (const std::bad_alloc&) {
-                    overflowed = true;
+                    progress.overflowed = true;
                     break;
                 }
-                if (limits.outputBytes > 0 &&
-                    run.out.size() + run.err.size() > limits.outputBytes) {
-                    overflowed = true;
+                if (outputLimit > 0 && run.out.size() + run.err.size() > outputLimit) {
+                    progress.overflowed = true;
                     break;
                 }
             } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
@@ -387,44 +403,52 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
             }
         }
     }
-    outRead.reset();
-    errRead.reset();
+    child.out.reset();
+    child.err.reset();
+}
 
-    // A tool may close its output and go on running (or hang): the deadline
-    // holds until it has ended. Its end usually follows the pipes' closing
-    // within some tens of microseconds, less than the shortest sleep the
-    // system's timer gives, so for the first two milliseconds the looks only
-    // yield the processor (to the tool, on a machine with one core); then they
-    // sleep, longer each time.
+// A tool may close its output and go on running (or hang): the deadline
+// holds until it has ended. Its end usually follows the pipes' closing
+// within some tens of microseconds, less than the shortest sleep the
+// system's timer gives, so for the first two milliseconds the looks only
+// yield the processor (to the tool, on a machine with one core); then they
+// sleep, longer each time.
+void AwaitEnd(pid_t pid, const Deadline& deadline, Progress& progress) {
     const Clock::time_point yieldUntil = Clock::now() + std::chrono::milliseconds(2);
     for (auto pause = std::chrono::microseconds(50);
-         limited && !reaped && !timedOut && !overflowed;) {
-        if (WaitFor(pid, false, status) == pid) {
-            reaped = true;
-        } else if (const Clock::time_point now = Clock::now(); now >= deadline) {
-            timedOut = true;
+         deadline.limited && !progress.reaped && !progress.timedOut && !progress.overflowed;) {
+        if (WaitFor(pid, false, progress.status) == pid) {
+            progress.reaped = true;
+        } else if (const Clock::time_point now = Clock::now(); now >= deadline.at) {
+            progress.timedOut = true;
         } else if (now < yieldUntil) {
             std::this_thread::yield();
         } else {
-            std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - now));
+            std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline.at - now));
             pause = std::min(pause * 2, std::chrono::microseconds(20000));
         }
     }
+}
 
-    if ((timedOut || overflowed) && !reaped) {
+// Reap step: kills the tool's group when it is over its time or output,
+// waits for it and makes the run's result.
+int Reap(const std::string& hostPath, pid_t pid, const ToolLimits& limits, Progress& progress,
+         ToolRun& run) {
+    if ((progress.timedOut || progress.overflowed) && !progress.reaped) {
         ::kill(-pid, SIGKILL);
         ::kill(pid, SIGKILL);
     }
-    if (!reaped && WaitFor(pid, true, status) != pid) {
+    if (!progress.reaped && WaitFor(pid, true, progress.status) != pid) {
         run.diagnostic = std::string("waitpid failed: ") + std::strerror(errno);
         return kFailed;
     }
-    run.exitCode = ExitCodeOf(status);
-    if (timedOut) {
-        run.diagnostic = hostPath + ": killed after " + std::to_string(timeoutSeconds) + " s";
+    run.exitCode = ExitCodeOf(progress.status);
+    run.signal = WIFSIGNALED(progress.status) ? WTERMSIG(progress.status) : 0;
+    if (progress.timedOut) {
+        run.diagnostic = hostPath + ": killed after " + std::to_string(limits.seconds) + " s";
         return kTimedOut;
     }
-    if (overflowed) {
+    if (progress.overflowed) {
         // The text is no answer to read: let its memory go at once.
         std::string().swap(run.out);
         std::string().swap(run.err);
@@ -433,6 +457,21 @@ int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
         return kTooLarge;
     }
     return kOk;
+}
+
+}  // namespace
+
+int RunTool(const std::string& hostPath, const std::vector<std::string>& argv,
+            const std::vector<std::string>& env, bool mergeErr, const ToolLimits& limits,
+            ToolRun& run, const RunAs* runAs) {
+    Child child;
+    const int started = StartTool(hostPath, argv, env, mergeErr, runAs, child, run);
+    if (started != kOk) return started;
+    const Deadline deadline(limits.seconds);
+    Progress progress;
+    DrainOutput(child, deadline, limits.outputBytes, run, progress);
+    AwaitEnd(child.pid, deadline, progress);
+    return Reap(hostPath, child.pid, limits, progress, run);
 }
 
 }  // namespace KALDO::platform

@@ -10,6 +10,7 @@ namespace KALDO::platform {
 
 struct ToolRun {
     int exitCode = -1;       // exit status, or 128 + signal
+    int signal = 0;          // the signal that ended the tool; 0 when it exited
     std::string out;         // standard output (and standard error when merged)
     std::string err;         // standard error when not merged
     std::string diagnostic;  // why a tool could not run or was stopped
