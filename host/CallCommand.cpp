@@ -7,7 +7,10 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Installed.h"
 #include "KALDO/CStringUtils.h"
+#include "Methods.h"
+#include "Suggest.h"
 
 namespace implvm {
 
@@ -16,6 +19,7 @@ namespace {
 struct CallOptions {
     std::string method;
     std::string productVersion;
+    CLI::Option* productVersionOption = nullptr;
     std::vector<std::string> inputPairs;
     std::string inputJson;
     CLI::Option* inputJsonOption = nullptr;
@@ -67,11 +71,24 @@ void RunCall(const CallOptions& options, Host& host) {
                          options.productVersion + "'");
 
     const Module& module = host.module();
-    if (!module.hasMethod(options.method))
-        throw UsageError("unknown method '" + options.method +
-                         "' (implvm methods lists the module's methods)");
+    if (!module.hasMethod(options.method)) {
+        const std::string closest = ClosestName(options.method, module.methods());
+        throw UsageError("unknown method '" + options.method + "'" +
+                         (closest.empty() ? "" : "; did you mean '" + closest + "'?") +
+                         " (implvm methods lists the module's methods)");
+    }
 
-    const CallOutcome outcome = module.call(options.method, inputs, options.productVersion);
+    // Without --product-version, the version of the product the method is
+    // for, as the Mac has it installed: a method handed no version reads
+    // some products' files as another generation would.
+    std::string version = options.productVersion;
+    const ImplVm::MethodEntry* entry = ImplVm::FindMethod(options.method);
+    if (options.productVersionOption->count() == 0 && entry != nullptr &&
+        entry->product != Hypervisor::kNone) {
+        const Product product = FindProduct(module, entry->product);
+        if (product.installed) version = product.version;
+    }
+    const CallOutcome outcome = module.call(options.method, inputs, version);
     std::cout << OutcomeToJson(outcome).dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
     host.setExitStatus(ExitStatusFor(outcome.result));
 }
@@ -88,10 +105,12 @@ void AddCallCommand(CLI::App& app, Host& host) {
                      "A method function as implvm methods lists it, e.g. "
                      "VirtualMachineImpl_Common_GetModuleVersion")
         ->required();
-    call->add_option("--product-version", options->productVersion,
-                     "The installed product's version record handed to the method; must start "
-                     "with a digit (default: none, a null record)")
-        ->type_name("X.Y.Z");
+    options->productVersionOption =
+        call->add_option("--product-version", options->productVersion,
+                         "The version record handed to the method; must start with a digit, or "
+                         "be empty for none (default: the installed version of the product the "
+                         "method is for; none for the common methods or a product not installed)")
+            ->type_name("X.Y.Z");
     call->add_option("--in", options->inputPairs,
                      "A string input; repeatable; the key ends at the first '='")
         ->type_name("KEY=VALUE")

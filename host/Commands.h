@@ -71,9 +71,17 @@ const char* CodeMeaning(int code);
 KALDO::typeProperty TextInputs(const std::vector<std::pair<const wchar_t*, std::string>>& pairs);
 
 // A mistake in how implvm was called: one line on standard error, status 2.
+// It may list further lines (the candidates of an ambiguous name), each
+// printed on a line of its own below it.
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+    UsageError(const std::string& message, std::vector<std::string> lines)
+        : std::runtime_error(message), lines_(std::move(lines)) {}
+    const std::vector<std::string>& lines() const { return lines_; }
+
+private:
+    std::vector<std::string> lines_;
 };
 
 // A command that could not do its work for a reason no method answered (a
@@ -89,6 +97,7 @@ struct GlobalOptions {
     std::string root;
     std::string modulePath;
     std::string failpoints;
+    bool verbose = false;  // -v: failures in full (codes, source files and lines)
     CLI::Option* rootOption = nullptr;
     CLI::Option* moduleOption = nullptr;
     CLI::Option* failOption = nullptr;
@@ -127,12 +136,40 @@ private:
 std::string CommandFooter(const std::string& notes,
                           const std::string& exitStatus = kExitStatusHelp);
 
+// The version of implvm's JSON documents; a consumer checks it before
+// reading one. It grows when a key changes meaning or goes away, not when
+// one is added.
+inline constexpr int kSchemaVersion = 1;
+
+// {"schemaVersion": kSchemaVersion} followed by the document's own keys.
+Json WithSchema(const Json& document);
+
+// One JSON document on standard output, two-space indented; text that is not
+// UTF-8 is replaced rather than refused.
+void PrintJson(const Json& document);
+
+// --jobs N on a command that describes several VMs: how many method calls
+// run side by side (1: one after another).
+void AddJobsOption(CLI::App& command, int& jobs);
+
+// implvm help [COMMAND]
+void AddHelpCommand(CLI::App& app);
+
+// The one line implvm prints for a mistake in how it was called, in its own
+// words (the argument library's are written for programmers), with a
+// did-you-mean for a mistyped command.
+std::string UsageMessage(const CLI::ParseError& error, const CLI::App& app, int argc, char** argv);
+
 // implvm call METHOD [--product-version X.Y.Z] [--in KEY=VALUE]... [--in-json JSON]
 void AddCallCommand(CLI::App& app, Host& host);
 // implvm methods
 void AddMethodsCommand(CLI::App& app, Host& host);
 // implvm inventory [--json]
 void AddInventoryCommand(CLI::App& app, Host& host);
+// implvm list [--hypervisor NAME] [--running] [--json], implvm info VM [--json]
+void AddListCommands(CLI::App& app, Host& host);
+// implvm detect [--json]
+void AddDetectCommand(CLI::App& app, Host& host);
 // implvm start|stop|suspend|pause|resume VM, implvm snapshot take|delete|list VM [NAME]
 void AddVmCommands(CLI::App& app, Host& host);
 

@@ -129,6 +129,25 @@ const char* CodeMeaning(int code) {
     return code < 0 ? "failed" : "done";
 }
 
+Json WithSchema(const Json& document) {
+    Json versioned = {{"schemaVersion", kSchemaVersion}};
+    versioned.update(document);
+    return versioned;
+}
+
+void PrintJson(const Json& document) {
+    std::cout << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+void AddJobsOption(CLI::App& command, int& jobs) {
+    command
+        .add_option("--jobs,-j", jobs,
+                    "How many method calls run side by side (default: the number of processors, "
+                    "at most 8; 1: one after another)")
+        ->type_name("N")
+        ->check(CLI::Range(1, 64));
+}
+
 std::string CommandFooter(const std::string& notes, const std::string& exitStatus) {
     return notes +
            "\n\nThe global options (--root DIR, --module PATH, --fail SPEC) may also follow "

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "KALDO/CCallRecords.h"
 #include "KALDO/CSoftwareVersion.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Result.h"
@@ -52,31 +53,26 @@ std::string ExecutablePath(const char* argv0) {
     return "";
 }
 
-// The records the error log gained since a mark, also when the log was
-// full and dropped old ones meanwhile.
-class ErrorLogMark {
-public:
-    ErrorLogMark()
-        : size_(KALDO::CErrorInfo::getErrors().size()),
-          dropped_(KALDO::CErrorInfo::droppedCount()) {}
-
-    std::vector<KALDO::ErrorRecord> added() const {
-        std::vector<KALDO::ErrorRecord> now = KALDO::CErrorInfo::getErrors();
-        // Records ever logged = held + dropped; a log cleared meanwhile
-        // holds only new ones.
-        const size_t before = size_ + dropped_;
-        const size_t after = now.size() + KALDO::CErrorInfo::droppedCount();
-        const size_t count = after >= before ? std::min(after - before, now.size()) : now.size();
-        now.erase(now.begin(), now.end() - static_cast<std::ptrdiff_t>(count));
-        return now;
-    }
-
-private:
-    size_t size_;
-    size_t dropped_;
-};
-
 }  // namespace
+
+std::string HowItEnded(const KALDO::ToolFailure& failure) {
+    using Kind = KALDO::ToolFailure::Kind;
+    const std::string status = std::to_string(failure.status);
+    switch (failure.kind) {
+        case Kind::kExited:
+            return "exited with status " + status;
+        case Kind::kSignaled:
+            return "ended by signal " + status;
+        case Kind::kTimedOut:
+            return "was killed at its time limit";
+        case Kind::kOutputLimit:
+            return "was killed for printing too much";
+        case Kind::kNotStarted:
+            break;
+    }
+    const std::string why = KALDO::CStringUtils::WStringToString(failure.diagnostic);
+    return "did not run" + (why.empty() ? "" : ": " + why);
+}
 
 std::string TimedOutTool(const CallOutcome& outcome) {
     for (const KALDO::ErrorRecord& record : outcome.errors)
@@ -99,9 +95,18 @@ Json ErrorsToJson(const std::vector<KALDO::ErrorRecord>& errors) {
 }
 
 Json OutcomeToJson(const CallOutcome& outcome) {
-    return Json{{"result", outcome.result},
-                {"outputs", TreeToJson(outcome.outputs)},
-                {"errors", ErrorsToJson(outcome.errors)}};
+    Json json{{"result", outcome.result},
+              {"outputs", TreeToJson(outcome.outputs)},
+              {"errors", ErrorsToJson(outcome.errors)}};
+    if (!outcome.toolFailures.empty()) {
+        Json failures = Json::array();
+        for (const KALDO::ToolFailure& failure : outcome.toolFailures)
+            failures.push_back({{"tool", KALDO::CStringUtils::WStringToString(failure.tool)},
+                                {"ended", HowItEnded(failure)},
+                                {"said", KALDO::CStringUtils::WStringToString(failure.errorText)}});
+        json["toolFailures"] = std::move(failures);
+    }
+    return json;
 }
 
 std::string Module::DefaultPath(const char* argv0) {
@@ -152,9 +157,13 @@ CallOutcome Module::call(const std::string& name, const KALDO::typeProperty& inp
     if (!versionText.empty()) version.emplace(versionText);
 
     CallOutcome outcome;
-    const ErrorLogMark mark;
-    outcome.result = method(0, 0, 0, version ? &*version : nullptr, &inputs, &outcome.outputs);
-    outcome.errors = mark.added();
+    {
+        // This thread's records only: other threads may be calling methods.
+        KALDO::CCallRecords records;
+        outcome.result = method(0, 0, 0, version ? &*version : nullptr, &inputs, &outcome.outputs);
+        outcome.errors = records.errors();
+        outcome.toolFailures = records.toolFailures();
+    }
     return outcome;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ImplVirtualMachine.h"
+#include "KALDO/CCallRecords.h"
 #include "KALDO/CErrorInfo.h"
 #include "KALDO/typeProperty.h"
 #include "TreeJson.h"
@@ -24,8 +25,9 @@ public:
 // What one method call gave.
 struct CallOutcome {
     int result = 0;
-    KALDO::typeProperty outputs;             // empty (null) when untouched
-    std::vector<KALDO::ErrorRecord> errors;  // the records this call added, oldest first
+    KALDO::typeProperty outputs;                   // empty (null) when untouched
+    std::vector<KALDO::ErrorRecord> errors;        // the records this call added, oldest first
+    std::vector<KALDO::ToolFailure> toolFailures;  // the tool runs it made that failed
 };
 
 // The support library's own word on a tool it killed at its time limit
@@ -33,7 +35,11 @@ struct CallOutcome {
 // killed none. The module's records say only that the call failed.
 std::string TimedOutTool(const CallOutcome& outcome);
 
-// {"result": int, "outputs": tree, "errors": [{"code", "file", "line"}, ...]}
+// "exited with status 1", "ended by signal 9", "did not run: ...".
+std::string HowItEnded(const KALDO::ToolFailure& failure);
+
+// {"result": int, "outputs": tree, "errors": [{"code", "file", "line"}, ...]},
+// and "toolFailures": [{"tool", "ended", "said"}, ...] when a tool failed.
 Json OutcomeToJson(const CallOutcome& outcome);
 Json ErrorsToJson(const std::vector<KALDO::ErrorRecord>& errors);
 

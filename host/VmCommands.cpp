@@ -9,10 +9,14 @@
 #include <vector>
 
 #include "Commands.h"
+#include "FindVm.h"
 #include "Installed.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Result.h"
+#include "Survey.h"
+#include "SurveyText.h"
 #include "TerminalText.h"
+#include "WorkPool.h"
 
 namespace implvm {
 
@@ -48,12 +52,8 @@ constexpr ActionFacts kSnapshotActions[] = {
 struct VmOptions {
     std::string vm;
     std::string snapshot;
-};
-
-// One VM of one installed product, as the user named it.
-struct FoundVm {
-    const Product* product = nullptr;
-    std::string identifier;  // as the product's enumeration lists it
+    bool json = false;
+    int jobs = WorkPool::DefaultWorkers();
 };
 
 std::string Narrow(const std::wstring& text) {
@@ -64,75 +64,9 @@ std::string ProductText(const Product& product) {
     return std::string(product.facts().name) + " " + Printable(product.version);
 }
 
-std::vector<std::string> ListedVms(const Module& module, const Product& product) {
-    const CallOutcome listed =
-        module.call(product.methods.enumerate, TextInputs({}), product.version);
-    std::vector<std::string> ids;
-    std::vector<KALDO::typeProperty> entries;
-    if (listed.outputs.getMapVal(L"VMs", entries) < 0) return ids;
-    for (const KALDO::typeProperty& entry : entries) {
-        std::wstring id;
-        if (entry.getString(id) >= 0) ids.push_back(Narrow(id));
-    }
-    return ids;
-}
-
-// Describes a listed VM; `name` gets its "UserFriendlyName" ("" when the
-// description fails).
-CallOutcome Describe(const Module& module, const Product& product, const std::string& id,
-                     std::string& name) {
-    CallOutcome info =
-        module.call(product.methods.info, TextInputs({{L"Name", id}}), product.version);
-    std::wstring text;
-    name = info.result >= 0 && info.outputs.getMapVal(L"UserFriendlyName", text) >= 0 ? Narrow(text)
-                                                                                      : "";
-    return info;
-}
-
-std::string WithoutTrailingSlash(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
-// The VM the user means: a listed identifier (a Parallels bundle's
-// configuration file too), else, only for VirtualBox, a machine name.
-// Names are looked up only when no identifier matched, since each needs a
-// description and so a run of the hypervisor's tool.
-FoundVm FindVm(const Module& module, const std::array<Product, 3>& products,
-               const std::string& given) {
-    const std::string wanted = WithoutTrailingSlash(given);
-    std::vector<std::pair<const Product*, std::vector<std::string>>> listed;
-    for (const Product& product : products) {
-        if (!product.served()) continue;
-        listed.emplace_back(&product, ListedVms(module, product));
-        for (const std::string& id : listed.back().second) {
-            const bool isConfigFile =
-                product.hypervisor == Hypervisor::kParallels && ConfigFileOf(id) == wanted;
-            if (WithoutTrailingSlash(id) == wanted || isConfigFile) return {&product, id};
-        }
-    }
-    std::vector<FoundVm> named;
-    for (const auto& [product, ids] : listed) {
-        if (product->hypervisor != Hypervisor::kVirtualBox) continue;
-        for (const std::string& id : ids) {
-            std::string name;
-            // A tool that hung once would hang for every machine left, each
-            // for the whole time limit; and a name unread may be the one.
-            const std::string timedOut = TimedOutTool(Describe(module, *product, id, name));
-            if (!timedOut.empty())
-                throw CommandFailure(given + ": the names of the " + ProductText(*product) +
-                                     " machines cannot be read: " + timedOut);
-            if (name == given) named.push_back({product, id});
-        }
-    }
-    if (named.size() == 1) return named.front();
-    if (named.size() > 1)
-        throw UsageError("'" + given + "' names " + std::to_string(named.size()) +
-                         " VirtualBox machines; give the settings file instead (implvm "
-                         "inventory lists it)");
-    throw UsageError("no VM '" + given +
-                     "' on this Mac: give a VM as implvm inventory lists it, or a VirtualBox "
-                     "machine's name");
+Json ProductJson(const Product& product) {
+    return {
+        {"key", product.facts().key}, {"name", product.facts().name}, {"version", product.version}};
 }
 
 // The snapshot names of a list answer, each on a line of its own.
@@ -186,7 +120,7 @@ void RunAction(const ActionFacts& facts, const VmOptions& options, Host& host) {
     if (facts.needsSnapshotName) RefuseNul("NAME", options.snapshot);
     const Module& module = host.module();
     const std::array<Product, 3> products = FindProducts(module);
-    const FoundVm vm = FindVm(module, products, options.vm);
+    const FoundVm vm = FindVm(module, products, options.vm, options.jobs);
     const Product& product = *vm.product;
     const ActionMethod& method = product.methods.action(facts.action);
     if (!method)
@@ -207,13 +141,29 @@ void RunAction(const ActionFacts& facts, const VmOptions& options, Host& host) {
     if (facts.needsSnapshotName) pairs.emplace_back(L"Snapshot", options.snapshot);
     const CallOutcome outcome = module.call(method.method, TextInputs(pairs), product.version);
     host.setExitStatus(ExitStatusFor(outcome.result));
+    const Json call = CallToJson(method.method, outcome);
+    const std::vector<std::string> names = facts.action == VmAction::kSnapshotList
+                                               ? SnapshotNames(outcome.outputs)
+                                               : std::vector<std::string>();
+    if (options.json) {
+        Json document = {{"vm", options.vm},
+                         {"action", facts.verb},
+                         {"hypervisor", ProductJson(product)},
+                         {"id", vm.identifier},
+                         {"done", outcome.result >= 0},
+                         {"call", call}};
+        if (facts.action == VmAction::kSnapshotList) document["snapshots"] = names;
+        PrintJson(WithSchema(document));
+        return;
+    }
     if (outcome.result < 0) {
         // One line on standard error; the status says it too.
-        const std::string timedOut = TimedOutTool(outcome);
+        const std::string said = ToolSaid(call);
         std::cerr << "implvm: " << shownVm << ": could not " << facts.verb << named << ": "
-                  << CodeMeaning(outcome.result) << " (" << ProductText(product) << ", "
-                  << method.method << " answered " << outcome.result
-                  << (timedOut.empty() ? "" : "; " + Printable(timedOut)) << ")\n";
+                  << CodeMeaning(outcome.result) << (said.empty() ? "" : "; " + Printable(said))
+                  << " (" << ProductText(product) << ", " << method.method << " answered "
+                  << outcome.result << ")"
+                  << (host.options().verbose ? "\n  " + Printable(FullFailure(call)) : "") << '\n';
         return;
     }
 
@@ -223,15 +173,15 @@ void RunAction(const ActionFacts& facts, const VmOptions& options, Host& host) {
         std::cout << shownVm << ": " << facts.done << named << how << '\n';
         return;
     }
-    const std::vector<std::string> names = SnapshotNames(outcome.outputs);
     std::cout << shownVm << ": " << names.size() << (names.size() == 1 ? " snapshot" : " snapshots")
               << how << '\n';
     for (const std::string& name : names) std::cout << "  " << Printable(name) << '\n';
 }
 
 constexpr const char* kVmHelp =
-    "The VM as implvm inventory lists it (a Parallels .pvm bundle or its config.pvs, a VMware "
-    ".vmx, a VirtualBox settings file) or a VirtualBox machine's name";
+    "The VM: its name when no other VM has it, or as implvm list shows it (a Parallels .pvm "
+    "bundle or its config.pvs, a VMware .vmx or its .vmwarevm bundle, a VirtualBox settings "
+    "file or machine UUID)";
 
 constexpr const char* kVmNotes =
     "implvm finds the VM among the installed hypervisors and calls the method that fits the "
@@ -249,6 +199,10 @@ CLI::App* AddVmCommand(CLI::App& parent, const ActionFacts& facts, Host& host,
     command->add_option("VM", options->vm, kVmHelp)->required();
     if (facts.needsSnapshotName)
         command->add_option("NAME", options->snapshot, "The snapshot's name")->required();
+    command->add_flag("--json", options->json,
+                      "Print the outcome as one JSON document: the VM, the method's call and "
+                      "(list) the snapshots");
+    AddJobsOption(*command, options->jobs);
     command->fallthrough();
     command->footer(CommandFooter(notes));
     command->callback([facts, options, &host] { RunAction(facts, *options, host); });

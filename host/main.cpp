@@ -37,17 +37,28 @@ int main(int argc, char** argv) {
                                         "Make support-library operations fail on purpose: "
                                         "Operation[@path-or-tool]=code;...")
                              ->type_name("SPEC");
+    app.add_flag("-v,--verbose", options.verbose,
+                 "Show failures in full: each method's code and error records with their source "
+                 "files and lines");
     app.parse_complete_callback([&host] { host.applyGlobalOptions(); });
 
+    app.set_version_flag("--version", std::string("implvm ") + IMPLVM_VERSION);
+
     implvm::AddInventoryCommand(app, host);
+    implvm::AddListCommands(app, host);
     implvm::AddVmCommands(app, host);
+    implvm::AddDetectCommand(app, host);
     implvm::AddCallCommand(app, host);
     implvm::AddMethodsCommand(app, host);
+    implvm::AddHelpCommand(app);
     for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 
-    app.footer(std::string("Every command has --help. Examples:\n"
+    app.footer(std::string("Every command has --help (or: implvm help COMMAND). Examples:\n"
                            "  implvm inventory\n"
+                           "  implvm list --running\n"
+                           "  implvm info \"Debian 12\"\n"
                            "  implvm start \"Debian 12\"\n"
+                           "  implvm detect\n"
                            "  implvm snapshot list \"/Users/robin/Virtual Machines.localized/"
                            "Windows 7 x64.vmwarevm/Windows 7 x64.vmx\"\n"
                            "  implvm methods\n"
@@ -66,8 +77,14 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
             return output.finish(app.exit(e));
-        std::cerr << "implvm: " << implvm::Printable(e.what()) << " (see implvm --help)\n";
+        std::cerr << "implvm: " << implvm::Printable(implvm::UsageMessage(e, app, argc, argv))
+                  << '\n';
         return implvm::kExitUsage;
+    } catch (const implvm::UsageError& e) {
+        std::cerr << "implvm: " << implvm::Printable(e.what()) << '\n';
+        for (const std::string& line : e.lines())
+            std::cerr << "  " << implvm::Printable(line) << '\n';
+        return output.finish(implvm::kExitUsage);
     } catch (const implvm::CommandFailure& e) {
         std::cerr << "implvm: " << implvm::Printable(e.what()) << '\n';
         return output.finish(implvm::kExitFailed);

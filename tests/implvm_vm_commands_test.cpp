@@ -80,6 +80,13 @@ TEST_F(VmCommands, ActionsChangeTheVmAndSayWhatHappened) {
         {{"suspend", kXpPvm + "/config.pvs"}, kXpPvm, 2,
          kXpPvm + "/config.pvs: suspended (" + pd + pd9 + "OperateVM"},
         {{"stop", kServerPvm + "/"}, kServerPvm, 3, kServerPvm + "/: stopped (" + pd + pd9 + "OperateVM"},
+        // A VMware bundle, a VirtualBox UUID (braces and case as users paste
+        // them), a display name no other VM has.
+        {{"start", kVmx + "Windows 7 x64.vmwarevm"}, kWin7Vmx, 1,
+         kVmx + "Windows 7 x64.vmwarevm: started (" + vf + vf1 + "StartVM"},
+        {{"resume", "{BC31C968-BBB2-4BEA-B045-321F9F32E056}"}, kDebianVbox, 1,
+         "{BC31C968-BBB2-4BEA-B045-321F9F32E056}: resumed (" + vb + vb4 + "ResumeVM"},
+        {{"suspend", "Ubuntu 64-bit"}, kUbuntuVmx, 2, "Ubuntu 64-bit: suspended (" + vf + vf1 + "SuspendVM"},
         // clang-format on
     };
     for (const auto& row : rows) {
@@ -112,13 +119,14 @@ TEST_F(VmCommands, RefusalsSayWhyAndChangeNothing) {
                                       "its VMs offer start, stop, pause, resume"},
         {{"snapshot", "take", kUbuntuPvm, "s"}, 2, "Parallels Desktop 18.3.2 cannot take snapshot: .*"},
         {{"start", "Windows 95"}, 2, "no VM 'Windows 95' on this Mac: .*"},
-        // Names are VirtualBox's only; other VMs go by their identifiers.
-        {{"start", "Windows 7 x64"}, 2, "no VM .*"},
-        {{"snapshot", "take", kWin7Vmx}, 2, "NAME is required.*"},
-        {{"pause", "Debian 12"}, 1, "Debian 12: could not pause: failed \\(VirtualBox 7.0.14, "
+        {{"snapshot", "take", kWin7Vmx}, 2, "snapshot take: NAME is required \\(see implvm help snapshot take\\)"},
+        // Why, in the tool's own words.
+        {{"pause", "Debian 12"}, 1, "Debian 12: could not pause: failed; VBoxManage: error: Machine 'Debian 12' "
+                                    "is not currently running \\(VirtualBox 7.0.14, "
                                     "VirtualMachineImpl_VirtualBox_4_X_PauseVM answered -1\\)"},
         {{"snapshot", "delete", kWin7Vmx, "nope"}, 1, ".*: could not delete snapshot \"nope\": the VM, its "
-            "configuration file or the snapshot cannot be found or opened \\(.* answered -6\\)"},
+            "configuration file or the snapshot cannot be found or opened; vmrun: Error: The snapshot "
+            "does not exist \\(.* answered -6\\)"},
         // Off and unchanged since its last snapshot.
         {{"snapshot", "take", kMacVmx, "b"}, 1, ".*nothing changed since the last snapshot.*"},
         // clang-format on
@@ -142,8 +150,9 @@ TEST_F(VmCommands, RefusalsSayWhyAndChangeNothing) {
     const ProcessResult r = Implvm({"stop", "Debian 12"});
     EXPECT_EQ(r.exitCode, 2);
     EXPECT_EQ(r.err,
-              "implvm: 'Debian 12' names 2 VirtualBox machines; give the settings file "
-              "instead (implvm inventory lists it)\n");
+              "implvm: 'Debian 12' names 2 VMs; give one of them by its identifier:\n  "
+              "VirtualBox: " +
+                  kDebianVbox + "\n  VirtualBox: " + kVbox + "Copy/Debian 12.vbox\n");
 }
 
 const std::string kVBoxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage",
@@ -182,8 +191,8 @@ TEST_F(VmCommands, VirtualBoxActionsNameTheMachineByItsUuid) {
         // clang-format off
         {{"stop", copy}, 0, {"controlvm", copyUuid, "poweroff"}},
         {{"pause", kDebianVbox}, 0, {"controlvm", "bc31c968-bbb2-4bea-b045-321f9f32e056", "pause"}},
-        {{"start", "Fedora 39"}, 0, {"startvm", "453b652d-2e4a-4ad7-82f9-bd0bb583c4c4"}},
-        {{"stop", "Debian 12"}, 2, {}},
+        {{"start", "Fedora 39", "--jobs", "1"}, 0, {"startvm", "453b652d-2e4a-4ad7-82f9-bd0bb583c4c4"}},
+        {{"stop", "Debian 12", "--jobs", "1"}, 2, {}},
         {{"start", broken}, 1, {}},
         // clang-format on
     };
@@ -207,12 +216,12 @@ TEST_F(VmCommands, VirtualBoxActionsNameTheMachineByItsUuid) {
     implvm_test::FakeTool& hung = mac_.installTool(kVBoxManage);
     hung.respond(implvm_test::FakeResponse{.sleepSeconds = 600});
     const ProcessResult lookup = implvm_test::RunProcess(
-        {IMPLVM_BIN, "--root", mac_.root(), "start", "Fedora 39"},
+        {IMPLVM_BIN, "--root", mac_.root(), "start", "Fedora 39", "--jobs", "1"},
         {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}, {"KALDO_TOOL_TIMEOUT", "0.3"}});
     EXPECT_EQ(lookup.exitCode, 1);
     EXPECT_EQ(lookup.err,
-              "implvm: Fedora 39: the names of the VirtualBox 7.0.14 machines cannot be read: "
-              "VBoxManage did not answer within 0.3 s\n");
+              "implvm: Fedora 39: the names of the VMs cannot all be read: VBoxManage did not "
+              "answer within 0.3 s\n");
     EXPECT_EQ(hung.invocations().size(), 1u);
 
     EXPECT_EQ(Implvm({"start", broken}).err,

@@ -86,23 +86,6 @@ constexpr size_t npos = std::wstring_view::npos;
 constexpr std::wstring_view kNicWord = L"NIC ";
 constexpr std::wstring_view kNicColon = L": ";
 
-// "NIC " in any letter case at `at`, then a number as I32ToStr writes it
-// (plain decimal, no leading zero, within int): where the digits end, with
-// the number in `number`; npos when the text there is no such key. The
-// frame's NumberedKeyAt reads keys the same way; this library does not link
-// the frame, so the VirtualBox keys are read here.
-size_t NicNumberAt(std::wstring_view text, size_t at, int& number) {
-    if (!StartsAnyCase(text.substr(at), kNicWord)) return npos;
-    const size_t digits = at + kNicWord.size();
-    size_t p = digits;
-    long long n = 0;
-    while (p < text.size() && text[p] >= L'0' && text[p] <= L'9' && n <= INT_MAX)
-        n = n * 10 + (text[p++] - L'0');
-    if (p == digits || n > INT_MAX || (text[digits] == L'0' && p - digits > 1)) return npos;
-    number = static_cast<int>(n);
-    return p;
-}
-
 // Where each adapter's key "NIC n: " stands in a report, found in one pass:
 // the first occurrence as written (which says the adapter exists) and the
 // first in any letter case (where the support library's marker search,
@@ -116,7 +99,7 @@ public:
         for (size_t at = text_.find_first_of(L"Nn"); at != npos;
              at = text_.find_first_of(L"Nn", at + 1)) {
             int n = 0;
-            const size_t p = NicNumberAt(text_, at, n);
+            const size_t p = NumberedKeyAt(text_, at, kNicWord, n);
             if (p == npos || text_.substr(p, kNicColon.size()) != kNicColon) continue;
             Key& key = keys_[n];
             if (key.folded == npos) key.folded = at;
@@ -129,7 +112,7 @@ public:
             const wchar_t c = text_[at];
             if (c == L'\n') lineEnds_.push_back(at);
             if (c == kAttachmentEnd[0]) commas_.push_back(at);  // a one-character marker
-            if ((c | 0x20) == L'a' && StartsAnyCase(text_.substr(at), attachment))
+            if ((c | 0x20) == L'a' && MatchesFoldedAt(text_, at, attachment))
                 attachments_.push_back(at);
         }
     }
