@@ -5,6 +5,8 @@
 #   include/                         ImplVirtualMachine.h and KALDO/
 #   lib/cmake/ImplVirtualMachine/    find_package(ImplVirtualMachine)
 #   lib/pkgconfig/ImplVirtualMachine.pc
+#   share/man/man1/implvm.1
+#   share/bash-completion/completions/implvm
 #   share/doc/implvm/                README.md, LICENSE, docs/, examples/host/
 #
 # bin/ and lib/implvm/ stay as they are whatever GNUInstallDirs would pick:
@@ -53,3 +55,24 @@ install(DIRECTORY ${CMAKE_SOURCE_DIR}/docs/
         FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/host/
         DESTINATION ${IMPLVM_INSTALL_DOCDIR}/examples/host)
+
+# implvm(1) and the bash completion, made from the built implvm's help texts
+# (cmake/HelpPages.cmake), so that every command it has is in both. Left out
+# of sanitizer builds, which are not installed and whose implvm would run
+# under the sanitizer's runtime at build time.
+if(NOT IMPLVM_SANITIZE)
+    set(IMPLVM_MAN_PAGE ${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_MANDIR}/man1/implvm.1)
+    set(IMPLVM_COMPLETION ${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions/implvm)
+    add_custom_command(
+        OUTPUT ${IMPLVM_MAN_PAGE} ${IMPLVM_COMPLETION}
+        COMMAND ${CMAKE_COMMAND} -DIMPLVM=$<TARGET_FILE:implvm> -DVERSION=${PROJECT_VERSION}
+                -DMAN_PAGE=${IMPLVM_MAN_PAGE} -DCOMPLETION=${IMPLVM_COMPLETION}
+                -P ${CMAKE_SOURCE_DIR}/cmake/HelpPages.cmake
+        DEPENDS implvm ${CMAKE_SOURCE_DIR}/cmake/HelpPages.cmake
+        COMMENT "implvm(1) and the bash completion from implvm's help texts"
+        VERBATIM)
+    add_custom_target(implvm-help-pages ALL DEPENDS ${IMPLVM_MAN_PAGE} ${IMPLVM_COMPLETION})
+    install(FILES ${IMPLVM_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${IMPLVM_COMPLETION}
+            DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+endif()
