@@ -119,18 +119,13 @@ count=$(grep -c 'Print this help message' "$page")
 [[ $count == 1 ]] || fail "implvm.1 has the --help item $count times"
 count=$(grep -c 'The global options may also follow' "$page")
 [[ $count == 1 ]] || fail "implvm.1 has the shared paragraph $count times"
-if command -v groff >/dev/null; then
-    warnings=$(groff -man -ww -z "$page" 2>&1) || true
-    [[ -z $warnings ]] || fail "groff warns: $warnings"
-fi
+check_groff "$page"
 
 # The completion: words typed -> every candidate expected, in order.
 while IFS='|' read -r words expected; do
-    read -ra typed <<<"$words"
-    [[ $words == *' ' ]] && typed+=("")
-    got=$(bash -c '. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _implvm implvm; echo "${COMPREPLY[*]}"' \
-        complete "$scratch/out/implvm" implvm "${typed[@]}")
-    [[ $got == "$expected" ]] || fail "completing 'implvm $words' gives '$got', expected '$expected'"
+    typed_words "$words"
+    complete_words "$scratch/out/implvm" implvm "${TYPED[@]}"
+    [[ $REPLIES == "$expected" ]] || fail "completing 'implvm $words' gives '$REPLIES', expected '$expected'"
 done <<'CASES'
  |vm detect
 vm |list

@@ -60,40 +60,31 @@ page=$moved/share/man/man1/implvm.1
 commands_of() {  # the commands `implvm WORDS... --help` lists
     "$implvm" "$@" --help | awk '/^[A-Za-z ]*[Cc]ommands:$/ { on = 1; next } /^$/ { on = 0 } on && /^  [^ ]/ { print $1 }'
 }
-# Completes `implvm WORDS...` (the last word is the one being typed); the
-# candidates in REPLIES.
-complete_words() {
-    REPLIES=$(bash -c '. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _implvm implvm; echo "${COMPREPLY[*]}"' \
-        complete "$moved/share/bash-completion/completions/implvm" "$implvm" "$@")
-}
+completion=$moved/share/bash-completion/completions/implvm
 top=$(commands_of)
 [[ -n $top ]] || fail "implvm --help lists no commands"
 grep -q '^\.TH IMPLVM 1 ' "$page" || fail "implvm.1 has no .TH IMPLVM 1 title"
-complete_words ""
+complete_words "$completion" "$implvm" ""
 first=$REPLIES
 for command in $top; do
     grep -qF ".SS \"implvm $command\"" "$page" || fail "implvm.1 has no section for $command"
     [[ " $first " == *" $command "* ]] || fail "completing 'implvm ' lacks $command: '$first'"
     subcommands=$(commands_of "$command")
     if [[ -n $subcommands ]]; then
-        complete_words "$command" ""
+        complete_words "$completion" "$implvm" "$command" ""
         for sub in $subcommands; do
             grep -qF ".SS \"implvm $command $sub\"" "$page" || fail "implvm.1 has no section for $command $sub"
             [[ " $REPLIES " == *" $sub "* ]] || fail "completing 'implvm $command ' lacks $sub: '$REPLIES'"
         done
     fi
 done
-if command -v groff >/dev/null; then
-    warnings=$(groff -man -ww -z "$page" 2>&1) || true
-    [[ -z $warnings ]] || fail "groff warns about implvm.1: $warnings"
-fi
+check_groff "$page"
 
 # Completion cases beyond the command lists: words typed -> a candidate
 # expected ("" when none is, so that bash falls back to file names).
 while IFS='|' read -r words expected; do
-    read -ra typed <<<"$words"
-    [[ $words == *' ' ]] && typed+=("")
-    complete_words "${typed[@]}"
+    typed_words "$words"
+    complete_words "$completion" "$implvm" "${TYPED[@]}"
     if [[ -z $expected ]]; then
         [[ -z $REPLIES ]] || fail "completing 'implvm $words' gives '$REPLIES', expected nothing"
     else

@@ -37,3 +37,27 @@ check_demo_inventory() {
         [[ $output == *"$vm"* ]] || fail "the inventory of the demo Mac lacks the VM $vm: $output"
     done
 }
+
+# No warning from groff on the manual page $1, when groff is there.
+check_groff() {
+    command -v groff >/dev/null || return 0
+    local warnings
+    warnings=$(groff -man -ww -z "$1" 2>&1) || true
+    [[ -z $warnings ]] || fail "groff warns about $1: $warnings"
+}
+
+# The candidates that completion script $1 offers (in REPLIES) for the words
+# typed after implvm ($2: the implvm that COMP_WORDS[0] names); the last
+# word is the one being typed.
+complete_words() {
+    REPLIES=$(bash -c '. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _implvm implvm; echo "${COMPREPLY[*]}"' \
+        complete "$@")
+}
+
+# The words of a line of a completion table, in TYPED: split at spaces, and
+# an empty word last when the line ends with one (the cursor after a space).
+typed_words() {
+    read -ra TYPED <<<"$1"
+    [[ $1 == *' ' ]] && TYPED+=("")
+    return 0
+}
