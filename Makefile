@@ -1,7 +1,7 @@
 # The two commands of the README: `make demo` and `make test`.
 # Both install what is missing, configure, build and run.
 
-.PHONY: all deps build test test-asan test-tsan demo bench fuzz format clean
+.PHONY: all deps build test test-asan test-tsan demo release package install bench fuzz format clean
 
 all: build
 
@@ -28,8 +28,26 @@ test-tsan: deps
 		support_call_records_test
 	ctest --preset tsan
 
-demo: build
+# Only what the demo runs: the libraries and implvm (the "demo" build
+# preset); `make test` builds the rest in the same build folder.
+demo: deps
+	cmake --preset default >/dev/null
+	cmake --build --preset demo
 	scripts/demo
+
+# Release build without tests or test hooks, to install or package
+# (docs/install.md).
+release: deps
+	cmake --preset release >/dev/null
+	cmake --build --preset release
+
+# build-release/implvm_<version>_<arch>.deb
+package: release
+	cpack --preset release
+
+PREFIX ?= /usr/local
+install: release
+	cmake --install build-release --prefix $(PREFIX)
 
 # Release build of bench/ and every figure beside its baseline (not part of
 # the test suite; see docs/performance.md).
@@ -46,4 +64,4 @@ format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-release

@@ -114,7 +114,7 @@ std::string Module::DefaultPath(const char* argv0) {
     const std::filesystem::path folder = binary.empty()
                                              ? std::filesystem::current_path()
                                              : std::filesystem::path(binary).parent_path();
-    return (folder / ".." / "lib" / kModuleFileName).lexically_normal().string();
+    return (folder / ".." / "lib" / "implvm" / kModuleFileName).lexically_normal().string();
 }
 
 Module::Module(const std::string& path)

@@ -45,7 +45,7 @@ Json ErrorsToJson(const std::vector<KALDO::ErrorRecord>& errors);
 
 class Module {
 public:
-    // The module installed beside a binary: <binary folder>/../lib/
+    // The module installed beside a binary: <binary folder>/../lib/implvm/
     // libImplVirtualMachine.so (.dylib on macOS). The binary is found
     // through /proc/self/exe, else through argv0 (resolved on PATH when it
     // has no slash).

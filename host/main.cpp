@@ -30,8 +30,9 @@ int main(int argc, char** argv) {
                        "absolute path the module reads or runs is taken inside it")
             ->type_name("DIR");
     options.moduleOption =
-        app.add_option("--module", options.modulePath,
-                       "The module to load (default: ../lib/libImplVirtualMachine beside implvm)")
+        app.add_option(
+               "--module", options.modulePath,
+               "The module to load (default: ../lib/implvm/libImplVirtualMachine beside implvm)")
             ->type_name("PATH");
     options.failOption = app.add_option("--fail", options.failpoints,
                                         "Make support-library operations fail on purpose: "
