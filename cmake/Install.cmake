@@ -2,7 +2,7 @@
 #
 #   bin/implvm
 #   lib/implvm/                      libImplVirtualMachine and libCoreUtils, private
-#   include/                         ImplVirtualMachine.h and KALDO/
+#   include/                         ImplVirtualMachine.h, Methods.h, Vocabulary.h and KALDO/
 #   lib/cmake/ImplVirtualMachine/    find_package(ImplVirtualMachine)
 #   lib/pkgconfig/ImplVirtualMachine.pc
 #   share/man/man1/implvm.1
@@ -28,6 +28,8 @@ install(DIRECTORY ${CMAKE_SOURCE_DIR}/support/include/KALDO
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")
 install(FILES ${CMAKE_SOURCE_DIR}/Impl_Mac/ImplVirtualMachine/ImplVirtualMachine.h
+              ${CMAKE_SOURCE_DIR}/Impl_Common/ImplVm/Methods.h
+              ${CMAKE_SOURCE_DIR}/Impl_Common/ImplVm/Vocabulary.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 install(EXPORT ImplVirtualMachineTargets
