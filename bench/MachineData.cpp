@@ -270,4 +270,43 @@ const std::vector<ListReader>& ListReaders() {
     return readers;
 }
 
+WholeMac WriteWholeMac(const std::string& root, int vms, double toolSeconds) {
+    WholeMac mac{vms - 2 * (vms / 3), vms / 3, vms / 3};
+    WriteConsoleUser(root);
+    WriteApp(root, "VMware Fusion", "com.vmware.fusion", "13.5.0");
+    WriteApp(root, "VirtualBox", "org.virtualbox.app.VirtualBox", "7.0.14");
+    WriteApp(root, "Parallels Desktop", "com.parallels.desktop.console", "18.3.2");
+    InstallTool(root, "/usr/sbin/system_profiler",
+                "Hardware:\n\n    Hardware Overview:\n\n      Model Name: MacBook Pro\n",
+                toolSeconds);
+
+    // Fusion: every tenth VM running, so in the process listing, with a log.
+    WriteFile(root + kFusionInventory, FusionInventory(mac.fusionVms, 0));
+    std::string listing =
+        "  PID   TT  STAT      TIME COMMAND\n    1   ??  Ss     1:00.00 /sbin/launchd\n";
+    for (int k = 1; k <= mac.fusionVms; ++k) {
+        const std::string vmx = FusionVmx(k);
+        WriteFile(root + vmx, "displayName = \"VM " + Num(k) +
+                                  "\"\nguestOS = \"windows9-64\"\nethernet0.present = \"TRUE\"\n"
+                                  "ethernet0.connectionType = \"nat\"\n");
+        if (k % 10 != 0) continue;
+        listing += " " + Num(1000 + k) +
+                   "   ??  S      1:00.00 /Applications/VMware Fusion.app/Contents/Library/"
+                   "vmware-vmx -s vmx.stdio.keep=TRUE " +
+                   vmx + "\n";
+        WriteFile(root + vmx.substr(0, vmx.rfind('/')) + "/vmware.log", LogText(256 * 1024, 0));
+    }
+    InstallTool(root, "/bin/ps", listing, toolSeconds);
+
+    WriteFile(root + kVirtualBoxXml, VirtualBoxXml(mac.virtualBoxVms));
+    for (int k = 1; k <= mac.virtualBoxVms; ++k)
+        WriteVirtualBoxSettings(root, VirtualBoxSettings(k), k);
+    InstallTool(root, kVBoxManage, ShowVmInfo(4), toolSeconds);
+
+    WriteFile(root + kDirectoryList, ParallelsDirectoryList(mac.parallelsVms, mac.parallelsVms));
+    for (int k = 1; k <= mac.parallelsVms; ++k)
+        WriteFile(root + ParallelsBundle(k) + "/config.pvs", ParallelsConfig(k, 1));
+    return mac;
+}
+
 }  // namespace implvm_bench

@@ -1,5 +1,6 @@
 // Generated Macs (machine roots, docs/machine-root.md) for the benchmarks:
-// each list-shaped reader's input at any size.
+// each list-shaped reader's input at any size, and a whole Mac for
+// `implvm inventory`.
 #pragma once
 
 #include <string>
@@ -26,5 +27,14 @@ struct ListReader {
     int listed(int n) const { return skipEvery ? n - n / skipEvery : n; }
 };
 const std::vector<ListReader>& ListReaders();
+
+// A Mac with all three hypervisors and `vms` VMs shared among them: the
+// inventories and each VM's files, and stand-ins for the tools describing
+// them runs (ps and VBoxManage, twice a VM; system_profiler once), each of
+// which waits toolSeconds before it answers.
+struct WholeMac {
+    int fusionVms = 0, virtualBoxVms = 0, parallelsVms = 0;
+};
+WholeMac WriteWholeMac(const std::string& root, int vms, double toolSeconds);
 
 }  // namespace implvm_bench
