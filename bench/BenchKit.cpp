@@ -1,51 +1,40 @@
 #include "BenchKit.h"
 
 #include <dlfcn.h>
-#include <ftw.h>
 #include <malloc.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
+#include <vector>
 
 namespace implvm_bench {
 
 ScratchDir::ScratchDir(const std::string& tag) {
     const char* tmp = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(tmp && *tmp ? tmp : "/tmp") + "/implvm-bench-" + tag + "-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr)
-        throw std::runtime_error("mkdtemp: " + std::string(std::strerror(errno)));
-    path_ = pattern;
+    std::string path = std::string(tmp && *tmp ? tmp : "/tmp") + "/implvm-bench-" + tag + "-XXXXXX";
+    if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("mkdtemp " + path);
+    path_ = path;
 }
 
 ScratchDir::~ScratchDir() {
-    ::nftw(
-        path_.c_str(),
-        [](const char* path, const struct stat*, int, FTW*) { return ::remove(path); }, 64,
-        FTW_DEPTH | FTW_PHYS);
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 void MakeDirs(const std::string& path) {
-    for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-        const std::string prefix = path.substr(0, slash);
-        if (::mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST)
-            throw std::runtime_error("mkdir " + prefix + ": " + std::strerror(errno));
-        if (slash == std::string::npos) break;
-    }
+    std::filesystem::create_directories(path);
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
     MakeDirs(path.substr(0, path.rfind('/')));
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(content.data(), static_cast<std::streamsize>(content.size()));
-    if (!out) throw std::runtime_error("cannot write " + path);
+    if (!out.write(content.data(), static_cast<std::streamsize>(content.size())))
+        throw std::runtime_error("cannot write " + path);
 }
 
 void* ModuleSymbol(const char* name) {
@@ -59,15 +48,15 @@ void* ModuleSymbol(const char* name) {
 
 void InstallTool(const std::string& root, const std::string& macPath, const std::string& output,
                  double seconds) {
-    const std::string host = root + macPath;
-    MakeDirs(host + ".fake");
-    ::unlink(host.c_str());
-    if (::symlink(IMPLVM_FAKE_TOOL, host.c_str()) != 0)
-        throw std::runtime_error("symlink " + host + ": " + std::strerror(errno));
-    // "exit signal seconds repeat hang-up", played by every run, none recorded.
-    WriteFile(host + ".fake/quiet", "");
-    WriteFile(host + ".fake/response.0", "0 0 " + Fixed(seconds, 3) + " 1 0\n");
-    WriteFile(host + ".fake/response.0.out", output);
+    const std::string path = root + macPath;
+    MakeDirs(path + ".fake");
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(IMPLVM_FAKE_TOOL, path);
+    // Every run plays response.0, "exit signal seconds repeat hang-up", and
+    // records nothing (tests/fixture/fake_tool).
+    WriteFile(path + ".fake/quiet", "");
+    WriteFile(path + ".fake/response.0", "0 0 " + Fixed(seconds, 3) + " 1 0\n");
+    WriteFile(path + ".fake/response.0.out", output);
 }
 
 void EvictCaches() {
@@ -87,26 +76,27 @@ std::string Fixed(double value, int digits) {
 std::string FormatTime(double ns) {
     if (ns >= 1e9) return Fixed(ns / 1e9, 3) + " s";
     if (ns >= 1e6) return Fixed(ns / 1e6, 3) + " ms";
-    if (ns >= 1e3) return Fixed(ns / 1e3, 2) + " us";
-    return Fixed(ns, 1) + " ns";
+    return Fixed(ns / 1e3, 1) + " us";
 }
 
 bool Report(const Figure& f) {
-    const bool hasTarget = f.goal == Goal::kCostAtMost;
-    const bool met = !hasTarget || !f.skipped.empty() || f.ratio <= f.target;
-    const std::string target = hasTarget ? "<= " + Fixed(f.target, 2) + "x" : "-";
-    const std::string verdict = !f.skipped.empty() ? "skipped"
-                                : !hasTarget       ? "-"
-                                : met              ? "ok"
-                                                   : "MISSED";
-    const std::string ratio = f.skipped.empty() ? Fixed(f.ratio, 2) : "-";
-    const std::string measured = f.skipped.empty() ? f.measured : "skipped: " + f.skipped;
-    std::cout << "  " << f.name << "\n      " << measured << "  vs  " << f.baseline << "   ratio "
-              << ratio << "   target " << target << "   " << verdict << "\n";
+    const bool judged = f.goal == Goal::kCostAtMost && f.skipped.empty();
+    const bool met = !judged || f.ratio <= f.target;
+    const std::string cells[] = {
+        f.name,
+        f.skipped.empty() ? f.measured : "skipped: " + f.skipped,
+        f.baseline,
+        f.skipped.empty() ? Fixed(f.ratio, 2) : "-",
+        f.goal == Goal::kCostAtMost ? "<= " + Fixed(f.target, 2) + "x" : "-",
+        !f.skipped.empty() ? "skipped"
+        : !judged          ? "-"
+        : met              ? "ok"
+                           : "MISSED"};
+    std::cout << "  " << cells[0] << "\n      " << cells[1] << "  vs  " << cells[2] << "   ratio "
+              << cells[3] << "   target " << cells[4] << "   " << cells[5] << std::endl;
     if (const char* file = std::getenv("IMPLVM_BENCH_SUMMARY"); file != nullptr && *file != '\0') {
-        std::ofstream(file, std::ios::app)
-            << f.name << '\t' << measured << '\t' << f.baseline << '\t' << ratio << '\t' << target
-            << '\t' << verdict << '\n';
+        std::ofstream summary(file, std::ios::app);
+        for (const std::string& cell : cells) summary << cell << (&cell == &cells[5] ? '\n' : '\t');
     }
     return met;
 }

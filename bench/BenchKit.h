@@ -1,10 +1,9 @@
-// What every benchmark shares: a scratch folder, files, the module's exports,
+// What the benchmarks share: a scratch folder, files, the module's exports,
 // the stand-in tool, and the summary that sets each figure beside its
 // baseline and target.
 #pragma once
 
 #include <string>
-#include <vector>
 
 namespace implvm_bench {
 
@@ -13,8 +12,6 @@ class ScratchDir {
 public:
     explicit ScratchDir(const std::string& tag);
     ~ScratchDir();
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
     const std::string& path() const { return path_; }
 
 private:
@@ -24,10 +21,9 @@ private:
 void MakeDirs(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);  // makes the parents
 
-// An export of the module (loaded once), or null when it has none.
-void* ModuleSymbol(const char* name);
+void* ModuleSymbol(const char* name);  // null when the module has no such export
 
-// Installs the fake tool of the test kit at root + macPath: every run waits
+// Installs the test kit's fake tool at root + macPath: every run waits
 // `seconds` (asleep, as a tool waits on its service), prints `output` and
 // exits 0.
 void InstallTool(const std::string& root, const std::string& macPath, const std::string& output,
@@ -37,29 +33,21 @@ void InstallTool(const std::string& root, const std::string& macPath, const std:
 // the state a host's inventory pass, minutes after the last, meets.
 void EvictCaches();
 
-// ---- the summary ----
-
-enum class Goal {
-    kInfo,       // shown, no target
-    kCostAtMost  // measured / baseline <= target
-};
+enum class Goal { kInfo, kCostAtMost };  // shown only, or measured / baseline <= target
 
 struct Figure {
-    std::string name;
-    std::string measured;  // as shown
-    std::string baseline;  // as shown
+    std::string name, measured, baseline;  // the latter two as shown
     double ratio = 0;
     Goal goal = Goal::kInfo;
     double target = 0;
-    std::string skipped = {};  // why it was not measured ("" when it was)
+    std::string skipped = {};  // why it was not measured
 };
 
 // Prints the figure and appends it to the file IMPLVM_BENCH_SUMMARY names
 // (tab-separated, for scripts/bench's table). False when a target is missed.
 bool Report(const Figure& figure);
 
-// "12.3 ms": a time in nanoseconds in a readable unit.
-std::string FormatTime(double nanoseconds);
+std::string FormatTime(double nanoseconds);  // "12.345 ms"
 std::string Fixed(double value, int digits);
 
 }  // namespace implvm_bench

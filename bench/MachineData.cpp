@@ -49,21 +49,17 @@ std::string FusionVmx(int n) {
     return HOME "/Virtual Machines.localized/VM " + Num(n) + ".vmwarevm/VM " + Num(n) + ".vmx";
 }
 
-// Fusion's own layout, a dozen keys a VM; every folderEvery-th entry a
-// folder, whose config is empty.
+// Fusion's own layout, with keys the reader passes over; every
+// folderEvery-th entry a folder, whose config is empty.
 std::string FusionInventory(int n, int folderEvery) {
     std::string text = ".encoding = \"UTF-8\"\n";
     for (int k = 1; k <= n; ++k) {
         const std::string id = "vmlist" + Num(k);
         const bool folder = folderEvery && k % folderEvery == 0;
-        text += id + ".config = \"" + (folder ? "" : FusionVmx(k)) + "\"\n";
-        text += id + ".Type = \"" + (folder ? "2" : "0") + "\"\n";
-        text += id + ".DisplayName = \"VM " + Num(k) + "\"\n" + id + ".ParentID = \"0\"\n";
-        text += id + ".ItemID = \"" + id + "\"\n" + id + ".SeqID = \"" + Num(k) + "\"\n";
-        text += id + ".IsFavorite = \"TRUE\"\n" + id + ".IsClone = \"FALSE\"\n";
-        text += id + ".CfgVersion = \"8\"\n" + id + ".State = \"normal\"\n";
-        text += id + ".UUID = \"56 4d " + Uuid(k).substr(0, 8) + "\"\n";
-        text += id + ".IsCfgPathNormalized = \"TRUE\"\n";
+        text += id + ".config = \"" + (folder ? std::string() : FusionVmx(k)) + "\"\n" + id +
+                ".DisplayName = \"VM " + Num(k) + "\"\n" + id + ".ParentID = \"0\"\n" + id +
+                ".ItemID = \"" + id + "\"\n" + id + ".IsFavorite = \"TRUE\"\n" + id +
+                ".UUID = \"56 4d " + Uuid(k).substr(0, 8) + "\"\n";
     }
     return text;
 }
@@ -142,31 +138,8 @@ std::string ParallelsConfig(int n, int adapters) {
     return text + " </Hardware>\n</ParallelsVirtualMachine>\n";
 }
 
-// ---- the list readers' Macs ----
-
-void Fusion5Inventory(const std::string& root, int n) {
-    WriteConsoleUser(root);
-    WriteFile(root + kFusionInventory, FusionInventory(n, 50));
-}
-
-void Fusion1Favourites(const std::string& root, int n) {
-    WriteConsoleUser(root);
-    std::string plist =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n"
-        "<dict>\n<key>VMFavoritesListDefaults2</key>\n<array>\n";
-    for (int k = 1; k <= n; ++k)
-        plist += "<dict><key>path</key><string>" + FusionVmx(k) + "</string></dict>\n";
-    WriteFile(root + kFusionPreferences, plist + "</array>\n</dict>\n</plist>\n");
-}
-
-void VirtualBoxRegistry(const std::string& root, int n) {
-    WriteConsoleUser(root);
-    WriteFile(root + kVirtualBoxXml, VirtualBoxXml(n));
-}
-
 // The reader looks each bundle up: a thousand of them, so that both sizes
-// meet the same file system, not one that has just been given 100,000
-// folders.
+// meet the same file system, not one just given 100,000 folders.
 void ParallelsList(const std::string& root, int n) {
     WriteFile(root + kDirectoryList, ParallelsDirectoryList(n, 1000));
     for (int k = 1; k <= 1000; ++k) MakeDirs(root + ParallelsBundle(k));
@@ -174,66 +147,39 @@ void ParallelsList(const std::string& root, int n) {
 
 // A suspended VM (so no process listing) whose adapters have their keys in
 // the order Fusion writes them, every tenth not present.
-void VmxAdapters(const std::string& root, int n) {
+std::string VmxWithAdapters(int n) {
     std::string vmx =
-        ".encoding = \"UTF-8\"\nconfig.version = \"8\"\ndisplayName = \"Wired\"\n"
-        "guestOS = \"ubuntu-64\"\ncheckpoint.vmState = \"Wired-3c5a0b.vmss\"\n";
+        "displayName = \"Wired\"\nguestOS = \"ubuntu-64\"\n"
+        "checkpoint.vmState = \"Wired-3c5a0b.vmss\"\n";
     const char* kinds[] = {"nat", "bridged", "hostonly", "custom"};
     for (int k = 0; k < n; ++k) {
         const std::string key = "ethernet" + Num(k);
         vmx += key + ".present = \"" + (k % 10 == 9 ? "FALSE" : "TRUE") + "\"\n" + key +
                ".connectionType = \"" + kinds[k % 4] + "\"\n" + key + ".virtualDev = \"e1000e\"\n" +
-               key + ".startConnected = \"" + (k % 3 ? "TRUE" : "FALSE") + "\"\n" + key +
-               ".addressType = \"generated\"\n";
+               key + ".startConnected = \"" + (k % 3 ? "TRUE" : "FALSE") + "\"\n";
     }
-    WriteFile(root + kWiredVmx, vmx);
-}
-
-void ShowVmInfoNics(const std::string& root, int n) {
-    WriteApp(root, "VirtualBox", "org.virtualbox.app.VirtualBox", "7.0.14");
-    WriteVirtualBoxSettings(root, kBenchVbox, 7);
-    InstallTool(root, kVBoxManage, ShowVmInfo(n));
-}
-
-void ConfigPvsAdapters(const std::string& root, int n) {
-    WriteFile(root + kBenchPvm + "/config.pvs", ParallelsConfig(1, n));
-}
-
-void VmrunSnapshots(const std::string& root, int n) {
-    std::string out = "Total snapshots: " + Num(n) + "\r\n";
-    for (int k = 1; k <= n; ++k) out += "Snapshot " + Num(k) + "\r\n";
-    InstallTool(root, kVmrun, out);
+    return vmx;
 }
 
 }  // namespace
 
 std::string LogText(size_t bytes, double multiByteShare) {
-    static const char* const kWords[] = {
-        "vmx",        "I005:",   "VMAutomation", "ToolsRpc", "GuestRpc:", "channel",   "DISKLIB",
-        "checkpoint", "powerOn", "device",       "HGFS:",    "SVGA",      "connected", "state",
-        "Vix:",       "opened",  "mainDispatch", "0x7f3a",   "received",  "timeout"};
     static const char* const kWide[] = {"\xC3\xA9", "\xE2\x82\xAC", "\xE6\x97\xA5",
                                         "\xF0\x9F\x98\x80"};
+    const std::string words =
+        "vmx I005: VMAutomation ToolsRpc GuestRpc: channel DISKLIB checkpoint powerOn device "
+        "HGFS: SVGA connected state Vix: opened mainDispatch 0x7f3a received timeout";
     uint64_t seed = 0x9E3779B97F4A7C15ULL;
-    auto next = [&seed] {
-        seed ^= seed << 13;
-        seed ^= seed >> 7;
-        seed ^= seed << 17;
-        return seed;
-    };
+    auto next = [&seed] { return seed ^= seed << 13, seed ^= seed >> 7, seed ^= seed << 17; };
     // A few thousand distinct lines, repeated: variety for the decoder, and
     // 100 MB made quickly.
-    std::vector<std::string> lines;
-    for (int k = 0; k < 4096; ++k) {
-        std::string line = "2024-05-01T10:" + Num(k % 60) + ":00.000Z| ";
-        for (uint64_t w = 6 + next() % 10; w > 0; --w) {
-            for (const char* c = kWords[next() % 20]; *c; ++c) {
-                const bool wide = static_cast<double>(next() % 1000000) < multiByteShare * 1e6;
-                line += wide ? kWide[next() % 4] : std::string(1, *c);
-            }
-            line += ' ';
+    std::vector<std::string> lines(4096, "2024-05-01T10:00:00.000Z| ");
+    for (std::string& line : lines) {
+        for (size_t at = next() % 64, end = at + 40 + next() % 60; at < end; ++at) {
+            const bool wide = static_cast<double>(next() % 1000000) < multiByteShare * 1e6;
+            line += wide ? kWide[next() % 4] : std::string(1, words[at % words.size()]);
         }
-        lines.push_back(line + "\n");
+        line += '\n';
     }
     std::string text;
     text.reserve(bytes + 256);
@@ -242,30 +188,55 @@ std::string LogText(size_t bytes, double multiByteShare) {
 }
 
 const std::vector<ListReader>& ListReaders() {
+    using Root = const std::string&;
     static const std::vector<ListReader> readers = {
         {"fusion5_inventory", "VMware Fusion 5+ inventory (vmInventory)",
-         "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs", "13.5.0", "", L"VMs", Fusion5Inventory,
-         50},
+         "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs", "13.5.0", "", L"VMs", 50,
+         [](Root root, int n) {
+             WriteConsoleUser(root);
+             WriteFile(root + kFusionInventory, FusionInventory(n, 50));
+         }},
         {"fusion1_favourites", "VMware Fusion 1-4 inventory (preferences' favourites)",
-         "VirtualMachineImpl_VmWareFusion1_EnumerateVMs", "3.1.0", "", L"VMs", Fusion1Favourites,
-         0},
+         "VirtualMachineImpl_VmWareFusion1_EnumerateVMs", "3.1.0", "", L"VMs", 0,
+         [](Root root, int n) {
+             WriteConsoleUser(root);
+             std::string plist =
+                 "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                 "<key>VMFavoritesListDefaults2</key>\n<array>\n";
+             for (int k = 1; k <= n; ++k)
+                 plist += "<dict><key>path</key><string>" + FusionVmx(k) + "</string></dict>\n";
+             WriteFile(root + kFusionPreferences, plist + "</array>\n</dict>\n</plist>\n");
+         }},
         {"virtualbox_registry", "VirtualBox inventory (VirtualBox.xml)",
-         "VirtualMachineImpl_VirtualBox2_EnumerateVMs", "7.0.14", "", L"VMs", VirtualBoxRegistry,
-         0},
+         "VirtualMachineImpl_VirtualBox2_EnumerateVMs", "7.0.14", "", L"VMs", 0,
+         [](Root root, int n) {
+             WriteConsoleUser(root);
+             WriteFile(root + kVirtualBoxXml, VirtualBoxXml(n));
+         }},
         {"parallels_list", "Parallels VM list (vmdirectorylist)",
-         "VirtualMachineImpl_Parallels4_EnumerateVMs", "18.3.2", "", L"VMs", ParallelsList, 0},
+         "VirtualMachineImpl_Parallels4_EnumerateVMs", "18.3.2", "", L"VMs", 0, ParallelsList},
         {"vmx_adapters", ".vmx adapters (VMware GetVMNetwork)",
-         "VirtualMachineImpl_VmWareFusion1_GetVMNetwork", "13.5.0", kWiredVmx, L"Networks",
-         VmxAdapters, 10},
+         "VirtualMachineImpl_VmWareFusion1_GetVMNetwork", "13.5.0", kWiredVmx, L"Networks", 10,
+         [](Root root, int n) { WriteFile(root + kWiredVmx, VmxWithAdapters(n)); }},
         {"showvminfo_nics", "showvminfo NICs (VirtualBox GetVMNetwork)",
-         "VirtualMachineImpl_VirtualBox2_GetVMNetwork", "7.0.14", kBenchVbox, L"Networks",
-         ShowVmInfoNics, 10},
+         "VirtualMachineImpl_VirtualBox2_GetVMNetwork", "7.0.14", kBenchVbox, L"Networks", 10,
+         [](Root root, int n) {
+             WriteApp(root, "VirtualBox", "org.virtualbox.app.VirtualBox", "7.0.14");
+             WriteVirtualBoxSettings(root, kBenchVbox, 7);
+             InstallTool(root, kVBoxManage, ShowVmInfo(n));
+         }},
         {"config_pvs_adapters", "config.pvs adapters (Parallels GetVMNetwork)",
-         "VirtualMachineImpl_Parallels4_GetVMNetwork", "18.3.2", kBenchPvm, L"Networks",
-         ConfigPvsAdapters, 10},
+         "VirtualMachineImpl_Parallels4_GetVMNetwork", "18.3.2", kBenchPvm, L"Networks", 10,
+         [](Root root, int n) {
+             WriteFile(root + kBenchPvm + "/config.pvs", ParallelsConfig(1, n));
+         }},
         {"vmrun_snapshots", "vmrun snapshot list (VMware ListSnapshots)",
-         "VirtualMachineImpl_VmWareFusion4_ListSnapshots", "13.5.0", kWiredVmx, L"Snapshots",
-         VmrunSnapshots, 0},
+         "VirtualMachineImpl_VmWareFusion4_ListSnapshots", "13.5.0", kWiredVmx, L"Snapshots", 0,
+         [](Root root, int n) {
+             std::string out = "Total snapshots: " + Num(n) + "\r\n";
+             for (int k = 1; k <= n; ++k) out += "Snapshot " + Num(k) + "\r\n";
+             InstallTool(root, kVmrun, out);
+         }},
     };
     return readers;
 }

@@ -16,14 +16,14 @@ std::string LogText(size_t bytes, double multiByteShare);
 // of a showvminfo report and of a config.pvs, vmrun's snapshot list. The
 // method is called as a host calls it and must list entries(n) items.
 struct ListReader {
-    const char* name;                               // short name, used in benchmark names
-    const char* figure;                             // what the summary line says
-    const char* method;                             // the method a host calls
-    const char* version;                            // the product version handed to it
-    const char* vm;                                 // its "Name" input ("" for none)
-    const wchar_t* list;                            // the output that holds the list
+    const char* name;     // short name, used in benchmark names
+    const char* figure;   // what the summary line says
+    const char* method;   // the method a host calls
+    const char* version;  // the product version handed to it
+    const char* vm;       // its "Name" input ("" for none)
+    const wchar_t* list;  // the output that holds the list
+    int skipEvery;        // every skipEvery-th entry is one the reader leaves out (0: none)
     void (*write)(const std::string& root, int n);  // a Mac whose list has n entries
-    int skipEvery;  // every skipEvery-th entry is one the reader leaves out (0: none)
     int listed(int n) const { return skipEvery ? n - n / skipEvery : n; }
 };
 const std::vector<ListReader>& ListReaders();

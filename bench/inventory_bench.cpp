@@ -1,18 +1,12 @@
 // `implvm inventory --json` of a generated Mac with 200 VMs, a third per
-// hypervisor, run as a user runs it, --jobs 1 and --jobs 8 taken in turns:
-//  - its tools wait 50 ms each (as VBoxManage waits on its service): --jobs 8
-//    at most 0.2x --jobs 1, and at most 1.3x the tool waits a pool of 8
-//    threads cannot avoid (CriticalWaits);
-//  - its tools answer at once: --jobs 8 at most 1.1x --jobs 1;
-//  - peak memory (the child's maximum resident size) of --jobs 8 with the
-//    waiting tools at most 1.5x --jobs 1's.
-// An implvm without --jobs refuses the option: those figures are then
-// skipped, and only the serial inventory is shown.
+// hypervisor, --jobs 1 and --jobs 8 taken in turns (medians of N rounds):
+//  - tools that wait 50 ms each: --jobs 8 at most 0.2x --jobs 1, and at most
+//    1.3x the tool waits 8 threads cannot avoid (CriticalWaitsNs);
+//  - tools that answer at once: --jobs 8 at most 1.1x --jobs 1;
+//  - the waiting inventory's peak memory: --jobs 8 at most 1.5x --jobs 1.
+// An implvm that refuses --jobs has these figures skipped.
 //
-//   inventory_bench [--repetitions N]     (default 3; medians)
-//
-// A child's maximum resident size starts from its parent's peak (posix_spawn
-// shares the parent's memory until the exec), so this process stays small.
+//   inventory_bench [--repetitions N]     (default 3)
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -23,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <sstream>
 
 #include "BenchKit.h"
@@ -40,8 +35,7 @@ constexpr double kToolSeconds = 0.05;
 
 struct Run {
     bool ok = false;
-    double ns = 0;
-    long peakKiB = 0;
+    double ns = 0, peakKiB = 0;
     std::string error;  // what implvm said when it failed
 };
 
@@ -53,12 +47,11 @@ std::string Slurp(const std::string& path) {
 
 Run Inventory(const std::string& root, const std::string& scratch, const char* jobs) {
     std::vector<std::string> args = {IMPLVM_BIN, "--root", root, "inventory", "--json"};
+    const std::string out = scratch + "/out.json", err = scratch + "/err.txt";
     if (jobs != nullptr) args.insert(args.end(), {"--jobs", jobs});
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
-    const std::string out = scratch + "/out.json";
-    const std::string err = scratch + "/err.txt";
     posix_spawn_file_actions_t files;
     ::posix_spawn_file_actions_init(&files);
     ::posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -74,7 +67,9 @@ Run Inventory(const std::string& root, const std::string& scratch, const char* j
     run.ns =
         std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
     ::posix_spawn_file_actions_destroy(&files);
-    run.peakKiB = usage.ru_maxrss;
+    // A spawned child's peak starts from its parent's (posix_spawn shares the
+    // parent's memory until the exec): this process stays small.
+    run.peakKiB = static_cast<double>(usage.ru_maxrss);
     // Every VM described: each description names its VM once.
     const std::string json = Slurp(out);
     size_t described = 0;
@@ -86,13 +81,12 @@ Run Inventory(const std::string& root, const std::string& scratch, const char* j
     return run;
 }
 
-// The tool waits that no schedule on `threads` threads avoids: each VM's
-// runs come one after another (the process listing or showvminfo for its
-// information, then for its network; none for a Parallels VM), and one
-// system_profiler run for the hardware check. The chains dealt to the
-// threads longest first, each to the least busy one, leave the busiest with
-// the least any schedule can (all chains are whole numbers of equal runs):
-// that thread's waits.
+// The tool waits no schedule on 8 threads avoids. A VM's runs come one
+// after another (the process listing or showvminfo for its information, then
+// for its network; none for a Parallels VM), and the hardware check runs
+// system_profiler once. Dealt to the threads longest first, each to the
+// least busy, these chains leave the busiest thread the least any schedule
+// can (they are whole numbers of equal runs): its waits.
 double CriticalWaitsNs(const WholeMac& mac) {
     std::vector<int> chains(static_cast<size_t>(mac.fusionVms + mac.virtualBoxVms), 2);
     chains.push_back(1);
@@ -102,11 +96,6 @@ double CriticalWaitsNs(const WholeMac& mac) {
     return *std::max_element(busy.begin(), busy.end()) * kToolSeconds * 1e9;
 }
 
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-}
-
 std::string Megabytes(double kib) {
     return Fixed(kib * 1024 / 1e6, 1) + " MB";
 }
@@ -114,76 +103,68 @@ std::string Megabytes(double kib) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    int repetitions = 3;
-    if (argc == 3 && std::strcmp(argv[1], "--repetitions") == 0) repetitions = std::atoi(argv[2]);
+    const int rounds =
+        argc == 3 && std::strcmp(argv[1], "--repetitions") == 0 ? std::atoi(argv[2]) : 3;
     const ScratchDir scratch("inventory");
-    const std::string slow = scratch.path() + "/slow";
-    const std::string instant = scratch.path() + "/instant";
-    const WholeMac mac = WriteWholeMac(slow, kVms, kToolSeconds);
+    const std::string waiting = scratch.path() + "/waiting", instant = scratch.path() + "/instant";
+    const WholeMac mac = WriteWholeMac(waiting, kVms, kToolSeconds);
     WriteWholeMac(instant, kVms, 0);
-    const int toolRuns = 2 * (mac.fusionVms + mac.virtualBoxVms) + 1;
-    const std::string vms = std::to_string(kVms) + " VMs";
 
     const Run probe = Inventory(instant, scratch.path(), "1");
-    const bool hasJobs = probe.ok;
-    if (!hasJobs && probe.error.find("jobs") == std::string::npos) {
+    if (!probe.ok && probe.error.find("jobs") == std::string::npos) {
         std::cerr << "implvm inventory failed: " << probe.error << "\n";
         return 1;
     }
+    const std::string skipped = probe.ok ? "" : "implvm has no --jobs";
 
-    // --jobs 1 and --jobs 8 taken in turns, first one then the other, so that
-    // a slow spell of the machine falls on both sides of a ratio; the
-    // inventory with instant tools, short and so the noisier, three times as
-    // often.
-    std::vector<double> slowSerial, slowJobs, instantSerial, instantJobs, peakSerial, peakJobs;
-    for (int rep = 0; rep < repetitions; ++rep) {
-        for (const bool serial : {rep % 2 == 0, rep % 2 != 0}) {
-            if (!hasJobs && !serial) continue;
-            for (const bool waiting : {true, false, false, false}) {
-                const Run run = Inventory(waiting ? slow : instant, scratch.path(),
-                                          !hasJobs ? nullptr
-                                          : serial ? "1"
-                                                   : "8");
+    // --jobs 1 and --jobs 8 in turns, so that a slow spell of the machine
+    // falls on both sides of a ratio; the instant inventory, short and so the
+    // noisier, three times as often. Without --jobs, the serial one alone.
+    std::map<std::string, std::vector<double>> samples;
+    for (int round = 0; round < rounds; ++round) {
+        for (const char* jobs : {round % 2 ? "8" : "1", round % 2 ? "1" : "8"}) {
+            if (!skipped.empty() && *jobs == '8') continue;
+            for (const std::string& root : {waiting, instant, instant, instant}) {
+                const Run run = Inventory(root, scratch.path(), skipped.empty() ? jobs : nullptr);
                 if (!run.ok) {
                     std::cerr << "implvm inventory failed: " << run.error << "\n";
                     return 1;
                 }
-                (waiting ? (serial ? slowSerial : slowJobs)
-                         : (serial ? instantSerial : instantJobs))
-                    .push_back(run.ns);
-                if (waiting) (serial ? peakSerial : peakJobs).push_back(run.peakKiB);
+                samples[root + jobs].push_back(run.ns);
+                if (root == waiting) samples[std::string("peak") + jobs].push_back(run.peakKiB);
             }
         }
     }
+    auto median = [&samples](const std::string& key) {
+        std::vector<double>& values = samples[key];
+        std::sort(values.begin(), values.end());
+        return values.empty() ? 0 : values[values.size() / 2];
+    };
 
     std::cout << "Figures against their baselines (same run):\n";
-    const double serial = Median(slowSerial);
-    Report({"inventory of " + vms + ", tools waiting 50 ms, serial, against its tool waits",
-            FormatTime(serial),
-            FormatTime(toolRuns * kToolSeconds * 1e9) + " (" + std::to_string(toolRuns) + " runs)",
-            serial / (toolRuns * kToolSeconds * 1e9), Goal::kInfo, 0});
-    const std::string why = hasJobs ? "" : "implvm has no --jobs";
+    const std::string vms = "inventory of " + std::to_string(kVms) + " VMs, ";
+    const int runs = 2 * (mac.fusionVms + mac.virtualBoxVms) + 1;
+    const double serial = median(waiting + "1"), eight = median(waiting + "8");
+    Report({vms + "tools waiting 50 ms, serial, against its tool waits", FormatTime(serial),
+            FormatTime(runs * kToolSeconds * 1e9) + " (" + std::to_string(runs) + " runs)",
+            serial / (runs * kToolSeconds * 1e9)});
+    bool met = Report({vms + "tools waiting 50 ms: --jobs 8 against --jobs 1", FormatTime(eight),
+                       FormatTime(serial), eight / serial, Goal::kCostAtMost, 0.2, skipped});
     const double critical = CriticalWaitsNs(mac);
-    const double jobs = Median(slowJobs);
-    bool met = true;
-    met &=
-        Report({"inventory of " + vms + ", tools waiting 50 ms: --jobs 8 against --jobs 1",
-                FormatTime(jobs), FormatTime(serial), jobs / serial, Goal::kCostAtMost, 0.2, why});
-    met &= Report({"inventory of " + vms +
-                       ", tools waiting 50 ms: --jobs 8 against the longest tool-wait chain "
-                       "on 8 threads",
-                   FormatTime(jobs), FormatTime(critical), jobs / critical, Goal::kCostAtMost, 1.3,
-                   why});
-    met &= Report({"inventory of " + vms + ", tools answering at once: --jobs 8 against --jobs 1",
-                   FormatTime(Median(instantJobs)), FormatTime(Median(instantSerial)),
-                   Median(instantJobs) / Median(instantSerial), Goal::kCostAtMost, 1.1, why});
-    // A serial peak no higher than this process's own could be its floor.
+    met &= Report({vms + "tools waiting 50 ms: --jobs 8 against the longest tool-wait chain on 8 "
+                         "threads",
+                   FormatTime(eight), FormatTime(critical), eight / critical, Goal::kCostAtMost,
+                   1.3, skipped});
+    met &= Report({vms + "tools answering at once: --jobs 8 against --jobs 1",
+                   FormatTime(median(instant + "8")), FormatTime(median(instant + "1")),
+                   median(instant + "8") / median(instant + "1"), Goal::kCostAtMost, 1.1, skipped});
+    // A serial peak no higher than this process's own may be that floor.
     rusage self{};
     ::getrusage(RUSAGE_SELF, &self);
-    const bool aboveFloor = Median(peakSerial) > static_cast<double>(self.ru_maxrss);
-    met &= Report({"peak memory of the inventory, tools waiting 50 ms: --jobs 8 against --jobs 1",
-                   Megabytes(Median(peakJobs)), Megabytes(Median(peakSerial)),
-                   Median(peakJobs) / Median(peakSerial), Goal::kCostAtMost, 1.5,
-                   !why.empty() || aboveFloor ? why : "the serial peak is this process's own"});
+    const bool aboveFloor = median("peak1") > static_cast<double>(self.ru_maxrss);
+    met &= Report({"peak memory of the " + vms + "tools waiting 50 ms: --jobs 8 against --jobs 1",
+                   Megabytes(median("peak8")), Megabytes(median("peak1")),
+                   median("peak8") / median("peak1"), Goal::kCostAtMost, 1.5,
+                   !skipped.empty() || aboveFloor ? skipped : "the serial peak is this process's"});
     return met ? 0 : 3;
 }

@@ -3,19 +3,17 @@
 //  - reading and decoding text, against copying the wide result (shown);
 //  - a tool run, against a bare posix_spawn + waitpid, also from a process
 //    holding 2 GB (<= 1.3x);
-//  - every list-shaped reader at 100,000 entries against 10,000, caches
-//    emptied before each call (<= 12x: linear growth).
+//  - every list reader at 100,000 entries against 10,000, caches emptied
+//    before each call (<= 12x: linear growth).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 
-#include <cstring>
 #include <functional>
 #include <iostream>
 #include <map>
-#include <memory>
 
 #include "BenchKit.h"
 #include "ImplVirtualMachine.h"
@@ -29,70 +27,48 @@
 extern char** environ;
 
 using namespace implvm_bench;
+using KALDO::CStringUtils;
 
 namespace {
-
-constexpr size_t kMB = 1000 * 1000;
 
 const std::string& Scratch() {
     static ScratchDir dir("reader");
     return dir.path();
 }
 
-// ---- text ----
+enum class TextWork { kRead, kDecode, kCopy };
 
-const std::string& TextFile(double multiByteShare, size_t mb) {
-    static std::map<std::pair<double, size_t>, std::string> files;
-    std::string& path = files[{multiByteShare, mb}];
-    if (path.empty()) {
-        path = Scratch() + "/text-" + std::to_string(multiByteShare) + "-" + std::to_string(mb);
-        WriteFile(path, LogText(mb * kMB, multiByteShare));
-    }
-    return path;
-}
-
-std::string Slurp(const std::string& path) {
+// Each runs once untimed, so that its memory comes from the warm heap.
+void Text(benchmark::State& state, TextWork work, double share, size_t mb) {
+    const std::wstring path = CStringUtils::StringToWString(
+        Scratch() + "/text-" + std::to_string(share) + "-" + std::to_string(mb));
     std::wstring wide;
-    KALDO::CFileUtils::ReadFromTextFile(KALDO::CStringUtils::StringToWString(path), wide);
-    return KALDO::CStringUtils::WStringToString(wide);
-}
-
-// Each runs once before timing, so its memory comes from the warm heap.
-void ReadFromTextFile(benchmark::State& state, double share, size_t mb) {
-    const std::wstring path = KALDO::CStringUtils::StringToWString(TextFile(share, mb));
-    auto read = [&path] {
+    if (KALDO::CFileUtils::ReadFromTextFile(path, wide) < 0) {
+        WriteFile(CStringUtils::WStringToString(path), LogText(mb * 1000 * 1000, share));
+        KALDO::CFileUtils::ReadFromTextFile(path, wide);
+    }
+    const std::string utf8 = CStringUtils::WStringToString(wide);
+    auto once = [&] {
         std::wstring text;
-        KALDO::CFileUtils::ReadFromTextFile(path, text);
+        if (work == TextWork::kRead) KALDO::CFileUtils::ReadFromTextFile(path, text);
+        if (work == TextWork::kDecode) text = CStringUtils::StringToWString(utf8);
+        if (work == TextWork::kCopy) text = wide;  // allocate and copy: any new text's floor
         benchmark::DoNotOptimize(text.data());
     };
-    read();
-    for (auto _ : state) read();
+    once();
+    for (auto _ : state) once();
 }
 
-void StringToWString(benchmark::State& state, double share, size_t mb) {
-    const std::string utf8 = Slurp(TextFile(share, mb));
-    auto decode = [&utf8] { benchmark::DoNotOptimize(KALDO::CStringUtils::StringToWString(utf8)); };
-    decode();
-    for (auto _ : state) decode();
+bool SpawnTrue() {
+    char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
+    pid_t pid = -1;
+    int status = -1;
+    return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ) == 0 &&
+           ::waitpid(pid, &status, 0) == pid && status == 0;
 }
 
-// What any routine handing back a new wide text pays at least.
-void MemcpyWide(benchmark::State& state, double share, size_t mb) {
-    const size_t chars = KALDO::CStringUtils::StringToWString(Slurp(TextFile(share, mb))).size();
-    const std::unique_ptr<wchar_t[]> source(new wchar_t[chars]());
-    auto copy = [&source, chars] {
-        const std::unique_ptr<wchar_t[]> wide(new wchar_t[chars]);
-        std::memcpy(wide.get(), source.get(), chars * sizeof(wchar_t));
-        benchmark::DoNotOptimize(wide.get());
-    };
-    copy();
-    for (auto _ : state) copy();
-}
-
-// ---- tool runs ----
-
-// Holds 2 GB of touched memory or not, switched as the benchmarks ask, so
-// that they may run interleaved.
+// Holds 2 GB of touched memory or not, as the benchmark asks, so that the
+// benchmarks may run interleaved.
 void SetResidentMemory(bool wanted) {
     constexpr size_t kBytes = size_t{2} << 30;
     static void* block = nullptr;
@@ -102,55 +78,30 @@ void SetResidentMemory(bool wanted) {
         block = nullptr;
         return;
     }
-    block = ::mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (block == MAP_FAILED) {
-        block = nullptr;
-        return;
-    }
-    // Distinct contents, so that no page is shared or merged.
-    for (size_t at = 0; at < kBytes; at += 4096)
-        static_cast<unsigned char*>(block)[at] = static_cast<unsigned char>(at >> 12);
+    block = ::mmap(nullptr, kBytes, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (block == MAP_FAILED) block = nullptr;
     // The first runs after touching that much memory are slow while the
-    // system settles; that passes outside every measurement.
-    char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
-    for (int k = 0; k < 50; ++k) {
-        pid_t pid = -1;
-        if (::posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ) == 0)
-            ::waitpid(pid, nullptr, 0);
-    }
+    // system settles: outside every measurement.
+    for (int k = 0; k < 50; ++k) SpawnTrue();
 }
 
-void ExecuteSafeToText(benchmark::State& state, bool resident) {
+void ToolRun(benchmark::State& state, bool library, bool resident) {
     SetResidentMemory(resident);
     for (auto _ : state) {
         int exitCode = -1;
         std::wstring out;
-        if (KALDO::CProcessUtils::ExecuteSafeToText(L"/bin/true", {}, exitCode, &out, nullptr,
-                                                    nullptr) != 0 ||
-            exitCode != 0)
-            state.SkipWithError("tool run failed");
+        const bool ran = library ? KALDO::CProcessUtils::ExecuteSafeToText(
+                                       L"/bin/true", {}, exitCode, &out, nullptr, nullptr) == 0 &&
+                                       exitCode == 0
+                                 : SpawnTrue();
+        if (!ran) state.SkipWithError("the tool run failed");
     }
 }
-
-void PosixSpawn(benchmark::State& state, bool resident) {
-    SetResidentMemory(resident);
-    char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
-    for (auto _ : state) {
-        pid_t pid = -1;
-        if (::posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ) != 0)
-            state.SkipWithError("posix_spawn failed");
-        ::waitpid(pid, nullptr, 0);
-    }
-}
-
-// ---- list readers at scale ----
 
 void ReadList(benchmark::State& state, const ListReader& reader, int n) {
     auto* method = reinterpret_cast<ImplVmMethod*>(ModuleSymbol(reader.method));
-    if (method == nullptr) {
-        state.SkipWithError("the module has no such method");
-        return;
-    }
+    if (method == nullptr) return state.SkipWithError("the module has no such method");
     const std::string root = Scratch() + "/" + reader.name + "-" + std::to_string(n);
     static std::map<std::string, bool> written;
     if (!written[root]) reader.write(root, n);
@@ -160,7 +111,7 @@ void ReadList(benchmark::State& state, const ListReader& reader, int n) {
     KALDO::typeProperty inputs;
     inputs.changeTypeToMap();
     if (*reader.vm)
-        inputs.addMapVal(L"Name", KALDO::CStringUtils::StringToWString(std::string(reader.vm)));
+        inputs.addMapVal(L"Name", CStringUtils::StringToWString(std::string(reader.vm)));
     auto call = [&] {
         KALDO::typeProperty outputs;
         std::vector<KALDO::typeProperty> list;
@@ -178,10 +129,7 @@ void ReadList(benchmark::State& state, const ListReader& reader, int n) {
     KALDO::CMachineRoot::Set("");
 }
 
-// ---- the summary ----
-
-// Keeps the median (or the only run) of each benchmark while the console
-// reporter prints them.
+// Keeps each benchmark's median (or only run) while the console shows them.
 class CollectingReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
@@ -190,24 +138,25 @@ public:
             if (run.error_occurred || (!median && run.run_type != Run::RT_Iteration)) continue;
             std::string name = run.run_name.function_name;  // without "/real_time" and such
             if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
-            if (median || !times.count(name))
-                times[name] = run.GetAdjustedRealTime() * 1e9 /
-                              benchmark::GetTimeUnitMultiplier(run.time_unit);
+            if (median || !ns.count(name))
+                ns[name] = run.GetAdjustedRealTime() * 1e9 /
+                           benchmark::GetTimeUnitMultiplier(run.time_unit);
         }
         ConsoleReporter::ReportRuns(runs);
     }
-    std::map<std::string, double> times;  // nanoseconds
+    std::map<std::string, double> ns;
 };
 
 struct Comparison {
-    std::string figure, measured, baseline;  // benchmark names
+    std::string figure, measured, baseline;  // the latter two: benchmark names
     Goal goal;
     double target;
 };
 
-void Register(const std::string& name, std::function<void(benchmark::State&)> run,
-              benchmark::TimeUnit unit = benchmark::kMillisecond) {
-    benchmark::RegisterBenchmark(name.c_str(), std::move(run))->Unit(unit)->UseRealTime();
+void Register(const std::string& name, std::function<void(benchmark::State&)> run) {
+    benchmark::RegisterBenchmark(name.c_str(), std::move(run))
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
 }
 
 }  // namespace
@@ -217,35 +166,32 @@ int main(int argc, char** argv) {
     for (const auto& [kind, share] : {std::pair{"ascii", 0.0}, std::pair{"mixed5pct", 0.05}}) {
         for (size_t mb : {1, 100}) {
             const std::string size = std::string(kind) + "/" + std::to_string(mb) + "MB";
-            Register("ReadFromTextFile/" + size, [=](auto& s) { ReadFromTextFile(s, share, mb); });
-            Register("StringToWString/" + size, [=](auto& s) { StringToWString(s, share, mb); });
-            Register("memcpy_wide/" + size, [=](auto& s) { MemcpyWide(s, share, mb); });
-            for (const char* what : {"ReadFromTextFile", "StringToWString"})
-                comparisons.push_back({std::string(what) + " " + size,
-                                       std::string(what) + "/" + size, "memcpy_wide/" + size,
-                                       Goal::kInfo, 0});
+            Register("ReadFromTextFile/" + size,
+                     [=](auto& s) { Text(s, TextWork::kRead, share, mb); });
+            Register("StringToWString/" + size,
+                     [=](auto& s) { Text(s, TextWork::kDecode, share, mb); });
+            Register("copy_wide/" + size, [=](auto& s) { Text(s, TextWork::kCopy, share, mb); });
+            for (const std::string what : {"ReadFromTextFile", "StringToWString"})
+                comparisons.push_back({what + " " + size + " against copying the wide text",
+                                       what + "/" + size, "copy_wide/" + size, Goal::kInfo, 0});
         }
     }
     for (const bool resident : {false, true}) {
         const std::string tag = resident ? "/resident2GB" : "";
-        Register(
-            "ExecuteSafeToText/bin_true" + tag, [=](auto& s) { ExecuteSafeToText(s, resident); },
-            benchmark::kMicrosecond);
-        Register(
-            "posix_spawn/bin_true" + tag, [=](auto& s) { PosixSpawn(s, resident); },
-            benchmark::kMicrosecond);
+        Register("ExecuteSafeToText/bin_true" + tag, [=](auto& s) { ToolRun(s, true, resident); });
+        Register("posix_spawn/bin_true" + tag, [=](auto& s) { ToolRun(s, false, resident); });
         comparisons.push_back(
-            {"tool run (/bin/true)" + std::string(resident ? ", 2 GB resident" : ""),
+            {std::string("tool run (/bin/true)") + (resident ? ", 2 GB resident" : ""),
              "ExecuteSafeToText/bin_true" + tag, "posix_spawn/bin_true" + tag, Goal::kCostAtMost,
              1.3});
     }
     for (const ListReader& reader : ListReaders()) {
+        const std::string name = reader.name;
         for (int n : {10000, 100000})
-            Register(std::string(reader.name) + "/" + std::to_string(n),
+            Register(name + "/" + std::to_string(n),
                      [&reader, n](auto& s) { ReadList(s, reader, n); });
         comparisons.push_back({std::string(reader.figure) + ", 100,000 entries against 10,000",
-                               std::string(reader.name) + "/100000",
-                               std::string(reader.name) + "/10000", Goal::kCostAtMost, 12});
+                               name + "/100000", name + "/10000", Goal::kCostAtMost, 12});
     }
 
     // Freed memory stays with the process and is handed out again warm, so
@@ -262,11 +208,10 @@ int main(int argc, char** argv) {
     std::cout << "\nFigures against their baselines (same run):\n";
     bool met = true;
     for (const Comparison& c : comparisons) {
-        const auto measured = reporter.times.find(c.measured);
-        const auto baseline = reporter.times.find(c.baseline);
-        if (measured == reporter.times.end() || baseline == reporter.times.end()) continue;
-        met &= Report({c.figure, FormatTime(measured->second), FormatTime(baseline->second),
-                       measured->second / baseline->second, c.goal, c.target});
+        if (!reporter.ns.count(c.measured) || !reporter.ns.count(c.baseline)) continue;
+        const double measured = reporter.ns[c.measured], baseline = reporter.ns[c.baseline];
+        met &= Report({c.figure, FormatTime(measured), FormatTime(baseline), measured / baseline,
+                       c.goal, c.target});
     }
     return met ? 0 : 3;
 }
