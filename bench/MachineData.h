@@ -14,7 +14,7 @@ std::string LogText(size_t bytes, double multiByteShare);
 
 // A reader whose input is a list: the inventories, the adapters of a .vmx,
 // of a showvminfo report and of a config.pvs, vmrun's snapshot list. The
-// method is called as a host calls it and must list entries(n) items.
+// method is called as a host calls it and must list listed(n) items.
 struct ListReader {
     const char* name;     // short name, used in benchmark names
     const char* figure;   // what the summary line says
@@ -29,9 +29,9 @@ struct ListReader {
 const std::vector<ListReader>& ListReaders();
 
 // A Mac with all three hypervisors and `vms` VMs shared among them: the
-// inventories and each VM's files, and stand-ins for the tools describing
-// them runs (ps and VBoxManage, twice a VM; system_profiler once), each of
-// which waits toolSeconds before it answers.
+// inventories, each VM's files, and stand-ins for the tools their
+// descriptions run (ps or VBoxManage twice a VM, system_profiler once), each
+// waiting toolSeconds before it answers.
 struct WholeMac {
     int fusionVms = 0, virtualBoxVms = 0, parallelsVms = 0;
 };

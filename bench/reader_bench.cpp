@@ -16,12 +16,12 @@
 #include <map>
 
 #include "BenchKit.h"
-#include "ImplVirtualMachine.h"
 #include "KALDO/CFileUtils.h"
 #include "KALDO/CProcessUtils.h"
 #include "KALDO/CSoftwareVersion.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/MachineRoot.h"
+#include "KALDO/typeProperty.h"
 #include "MachineData.h"
 
 extern char** environ;
@@ -35,6 +35,10 @@ const std::string& Scratch() {
     static ScratchDir dir("reader");
     return dir.path();
 }
+
+// A method as a host calls it; the module is loaded at run time.
+using Method = int(int, int, int, const KALDO::CSoftwareVersion*, const KALDO::typeProperty*,
+                   KALDO::typeProperty*);
 
 enum class TextWork { kRead, kDecode, kCopy };
 
@@ -100,7 +104,7 @@ void ToolRun(benchmark::State& state, bool library, bool resident) {
 }
 
 void ReadList(benchmark::State& state, const ListReader& reader, int n) {
-    auto* method = reinterpret_cast<ImplVmMethod*>(ModuleSymbol(reader.method));
+    auto* method = reinterpret_cast<Method*>(ModuleSymbol(reader.method));
     if (method == nullptr) return state.SkipWithError("the module has no such method");
     const std::string root = Scratch() + "/" + reader.name + "-" + std::to_string(n);
     static std::map<std::string, bool> written;
