@@ -26,12 +26,8 @@ ScratchDir::~ScratchDir() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-void MakeDirs(const std::string& path) {
-    std::filesystem::create_directories(path);
-}
-
 void WriteFile(const std::string& path, const std::string& content) {
-    MakeDirs(path.substr(0, path.rfind('/')));
+    std::filesystem::create_directories(path.substr(0, path.rfind('/')));
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!out.write(content.data(), static_cast<std::streamsize>(content.size())))
         throw std::runtime_error("cannot write " + path);
@@ -49,7 +45,7 @@ void* ModuleSymbol(const char* name) {
 void InstallTool(const std::string& root, const std::string& macPath, const std::string& output,
                  double seconds) {
     const std::string path = root + macPath;
-    MakeDirs(path + ".fake");
+    std::filesystem::create_directories(path + ".fake");
     std::filesystem::remove(path);
     std::filesystem::create_symlink(IMPLVM_FAKE_TOOL, path);
     // Every run plays response.0, "exit signal seconds repeat hang-up", and

@@ -18,7 +18,6 @@ private:
     std::string path_;
 };
 
-void MakeDirs(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);  // makes the parents
 
 void* ModuleSymbol(const char* name);  // null when the module has no such export

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 
 #include "BenchKit.h"
 
@@ -88,11 +89,8 @@ void WriteVirtualBoxSettings(const std::string& root, const std::string& path, i
 // showvminfo of a running machine with `nics` adapters, every tenth disabled.
 std::string ShowVmInfo(int nics) {
     std::string text =
-        "Name:            Bench\nGroups:          /\n"
-        "Guest OS:        Windows 10 (64-bit)\nUUID:            " +
-        Uuid(7) +
-        "\nMemory size:     4096MB\n"
-        "State:           running (since 2024-05-01T10:00:00.000000000)\n";
+        "Name:            Bench\nGuest OS:        Windows 10 (64-bit)\nUUID:            " +
+        Uuid(7) + "\nState:           running (since 2024-05-01T10:00:00.000)\n";
     for (int k = 1; k <= nics; ++k) {
         const std::string key = "NIC " + Num(k) + ":";
         text += key + std::string(17 - key.size(), ' ');
@@ -142,7 +140,7 @@ std::string ParallelsConfig(int n, int adapters) {
 // meet the same file system, not one just given 100,000 folders.
 void ParallelsList(const std::string& root, int n) {
     WriteFile(root + kDirectoryList, ParallelsDirectoryList(n, 1000));
-    for (int k = 1; k <= 1000; ++k) MakeDirs(root + ParallelsBundle(k));
+    for (int k = 1; k <= 1000; ++k) std::filesystem::create_directories(root + ParallelsBundle(k));
 }
 
 // A suspended VM (so no process listing) whose adapters have their keys in
@@ -166,24 +164,22 @@ std::string VmxWithAdapters(int n) {
 std::string LogText(size_t bytes, double multiByteShare) {
     static const char* const kWide[] = {"\xC3\xA9", "\xE2\x82\xAC", "\xE6\x97\xA5",
                                         "\xF0\x9F\x98\x80"};
-    const std::string words =
-        "vmx I005: VMAutomation ToolsRpc GuestRpc: channel DISKLIB checkpoint powerOn device "
-        "HGFS: SVGA connected state Vix: opened mainDispatch 0x7f3a received timeout";
-    uint64_t seed = 0x9E3779B97F4A7C15ULL;
-    auto next = [&seed] { return seed ^= seed << 13, seed ^= seed >> 7, seed ^= seed << 17; };
-    // A few thousand distinct lines, repeated: variety for the decoder, and
-    // 100 MB made quickly.
-    std::vector<std::string> lines(4096, "2024-05-01T10:00:00.000Z| ");
-    for (std::string& line : lines) {
-        for (size_t at = next() % 64, end = at + 40 + next() % 60; at < end; ++at) {
-            const bool wide = static_cast<double>(next() % 1000000) < multiByteShare * 1e6;
-            line += wide ? kWide[next() % 4] : std::string(1, words[at % words.size()]);
-        }
-        line += '\n';
-    }
+    const std::string line =
+        "2024-05-01T10:00:00.000Z| vmx| I005: VMAutomation: ToolsRpc channel opened, guest state "
+        "connected, DISKLIB checkpoint 0x7f3a received\n";
     std::string text;
     text.reserve(bytes + 256);
-    for (size_t k = 0; text.size() < bytes; ++k) text += lines[k % lines.size()];
+    // The multi-byte characters at random places, so that no decoder can
+    // learn where they fall.
+    for (uint64_t k = 0, seed = 0x9E3779B97F4A7C15ULL; text.size() < bytes; ++k) {
+        seed ^= seed << 13, seed ^= seed >> 7, seed ^= seed << 17;
+        const char c = line[k % line.size()];
+        const bool wide = c != '\n' && static_cast<double>(seed % 1000000) < multiByteShare * 1e6;
+        if (wide)
+            text += kWide[seed % 4];
+        else
+            text += c;
+    }
     return text;
 }
 
@@ -261,7 +257,7 @@ WholeMac WriteWholeMac(const std::string& root, int vms, double toolSeconds) {
                                   "\"\nguestOS = \"windows9-64\"\nethernet0.present = \"TRUE\"\n"
                                   "ethernet0.connectionType = \"nat\"\n");
         if (k % 10 != 0) continue;
-        listing += " " + Num(1000 + k) +
+        listing += Num(10000 + k) +
                    "   ??  S      1:00.00 /Applications/VMware Fusion.app/Contents/Library/"
                    "vmware-vmx -s vmx.stdio.keep=TRUE " +
                    vmx + "\n";
