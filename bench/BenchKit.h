@@ -1,100 +1,52 @@
-// Shared pieces of the benchmarks: a scratch folder, generated texts, the
-// module's exported routines looked up at run time, and the summary that sets
-// every figure beside the baseline measured in the same run.
+// What the benchmarks share: a scratch folder, files, the module's exports,
+// the stand-in tool, and the summary that sets each figure beside its
+// baseline and target.
 #pragma once
 
-#include <benchmark/benchmark.h>
-
-#include <cstddef>
-#include <map>
 #include <string>
-#include <vector>
 
 namespace implvm_bench {
 
-// A fresh folder under $TMPDIR (or /tmp), removed with everything in it when
-// the object goes away.
+// A fresh folder under $TMPDIR (or /tmp), removed with its contents at the end.
 class ScratchDir {
 public:
     explicit ScratchDir(const std::string& tag);
     ~ScratchDir();
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
     const std::string& path() const { return path_; }
 
 private:
     std::string path_;
 };
 
-// Creates the parent folders of path, then the file with content.
-void WriteFile(const std::string& path, const std::string& content);
-void MakeDirs(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);  // makes the parents
 
-// Log-like text of about `bytes` bytes, cut at a line end. With
-// multiByteShare > 0 that share of the characters are non-ASCII (a mix of
-// two-, three- and four-byte UTF-8 sequences), spread through the lines.
-std::string LogText(size_t bytes, double multiByteShare);
+void* ModuleSymbol(const char* name);  // null when the module has no such export
 
-// Number of code points in UTF-8 text (the wide length after decoding).
-size_t CodePoints(const std::string& utf8);
+// Installs the test kit's fake tool at root + macPath: every run waits
+// `seconds` (asleep, as a tool waits on its service), prints `output` and
+// exits 0.
+void InstallTool(const std::string& root, const std::string& macPath, const std::string& output,
+                 double seconds = 0);
 
-// The module (libImplVirtualMachine), loaded once; Symbol() is null when the
-// module has no such export (an adapter not built yet).
-void* ModuleSymbol(const char* name);
-template <typename Fn>
-Fn* ModuleFunction(const char* name) {
-    return reinterpret_cast<Fn*>(ModuleSymbol(name));
-}
-
-// Reads through a buffer several times the size of any processor's
-// last-level cache, so that what a call touches next comes from memory.
+// Empties the processor's caches and hands freed memory back to the system:
+// the state a host's inventory pass, minutes after the last, meets.
 void EvictCaches();
 
-// Writes DIR/.machine naming a console user with the given home.
-void WriteConsoleUser(const std::string& root, const std::string& home);
+enum class Goal { kInfo, kCostAtMost };  // shown only, or measured / baseline <= target
 
-// Installs the bench tool at root + macPath; it prints `output` and exits 0.
-void InstallPrintingTool(const std::string& root, const std::string& macPath,
-                         const std::string& output);
-
-// ---- the summary ----
-
-// How a figure is set against its baseline.
-enum class Goal {
-    kInfo,         // shown, no target
-    kCostAtMost,   // measured time / baseline time <= target
-    kSpeedAtLeast  // baseline time / measured time >= target
-};
-
-struct Comparison {
-    std::string figure;    // what the line says
-    std::string measured;  // benchmark name
-    std::string baseline;  // benchmark name
+struct Figure {
+    std::string name, measured, baseline;  // the latter two as shown
+    double ratio = 0;
     Goal goal = Goal::kInfo;
     double target = 0;
-    // When set, each side is itself a ratio: measured / measuredOver against
-    // baseline / baselineOver (to compare overheads under two conditions).
-    std::string measuredOver = {};
-    std::string baselineOver = {};
+    std::string skipped = {};  // why it was not measured
 };
 
-// Runs the benchmarks selected on the command line with the console output,
-// then prints one line per comparison whose two benchmarks both ran: the
-// measured figure, its baseline, their ratio, the target and whether it
-// holds. When IMPLVM_BENCH_SUMMARY names a file, the lines are also appended
-// to it (tab-separated) for the overall table. Returns the number of targets
-// missed.
-int RunAndSummarize(int argc, char** argv, const std::vector<Comparison>& comparisons);
+// Prints the figure and appends it to the file IMPLVM_BENCH_SUMMARY names
+// (tab-separated, for scripts/bench's table). False when a target is missed.
+bool Report(const Figure& figure);
 
-// Appends one line to the overall summary file (when set): used by the
-// figures that are not Google Benchmark runs, such as peak memory.
-void AppendSummaryLine(const std::string& figure, const std::string& measured,
-                       const std::string& baseline, double ratio, const std::string& target,
-                       bool met, bool hasTarget);
-
-// "12.3 ms", "850 us": a time in nanoseconds in a readable unit.
-std::string FormatTime(double nanoseconds);
-// "1.23 GB/s"
-std::string FormatRate(double bytesPerSecond);
+std::string FormatTime(double nanoseconds);  // "12.345 ms"
+std::string Fixed(double value, int digits);
 
 }  // namespace implvm_bench

@@ -1,7 +1,8 @@
 #include "MachineData.h"
 
+#include <cstdint>
 #include <cstdio>
-#include <map>
+#include <filesystem>
 
 #include "BenchKit.h"
 
@@ -9,20 +10,20 @@ namespace implvm_bench {
 
 namespace {
 
-constexpr size_t kMB = 1000 * 1000;
-const std::string kHome = "/Users/ann";
+#define HOME "/Users/ann"
+constexpr const char* kFusionInventory =
+    HOME "/Library/Application Support/VMware Fusion/vmInventory";
+constexpr const char* kFusionPreferences = HOME "/Library/Preferences/com.vmware.fusion.plist";
+constexpr const char* kVirtualBoxXml = HOME "/Library/VirtualBox/VirtualBox.xml";
+constexpr const char* kDirectoryList = "/Library/Preferences/Parallels/vmdirectorylist.desktop.xml";
+constexpr const char* kWiredVmx = HOME "/Virtual Machines.localized/Wired.vmwarevm/Wired.vmx";
+constexpr const char* kBenchVbox = HOME "/VirtualBox VMs/Bench/Bench.vbox";
+constexpr const char* kBenchPvm = HOME "/Documents/Parallels/Bench.pvm";
+constexpr const char* kVmrun = "/Applications/VMware Fusion.app/Contents/Library/vmrun";
+constexpr const char* kVBoxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage";
 
-// A machine root with a console user, made once.
-std::string Root(const std::string& scratch, const std::string& name, bool& fresh) {
-    static std::map<std::string, bool> made;
-    const std::string root = scratch + "/" + name;
-    fresh = !made[root];
-    if (fresh) {
-        MakeDirs(root + kHome);
-        WriteConsoleUser(root, kHome);
-        made[root] = true;
-    }
-    return root;
+std::string Num(int n) {
+    return std::to_string(n);
 }
 
 std::string Uuid(int n) {
@@ -31,221 +32,14 @@ std::string Uuid(int n) {
     return text;
 }
 
-const std::string kVmInventory = kHome + "/Library/Application Support/VMware Fusion/vmInventory";
-const std::string kVirtualBoxXml = kHome + "/Library/VirtualBox/VirtualBox.xml";
-const std::string kDirectoryList = "/Library/Preferences/Parallels/vmdirectorylist.desktop.xml";
-
-// Fusion's own layout: a dozen keys per VM, and now and then a folder entry
-// whose config is empty.
-std::string FusionInventory(int entries) {
-    std::string text = ".encoding = \"UTF-8\"\n";
-    for (int n = 1; n <= entries; ++n) {
-        const std::string id = "vmlist" + std::to_string(n);
-        if (n % 50 == 0) {
-            text += id + ".config = \"\"\n" + id + ".Type = \"2\"\n" + id +
-                    ".DisplayName = \"Folder " + std::to_string(n) + "\"\n" + id +
-                    ".ParentID = \"0\"\n" + id + ".ItemID = \"" + id + "\"\n";
-            continue;
-        }
-        const std::string vm = "VM " + std::to_string(n);
-        text += id + ".config = \"" + kHome + "/Virtual Machines.localized/" + vm + ".vmwarevm/" +
-                vm + ".vmx\"\n";
-        text += id + ".DisplayName = \"" + vm + "\"\n";
-        text += id + ".ParentID = \"0\"\n" + id + ".ItemID = \"" + id + "\"\n";
-        text += id + ".SeqID = \"" + std::to_string(n) + "\"\n";
-        text += id + ".IsFavorite = \"TRUE\"\n" + id + ".IsClone = \"FALSE\"\n";
-        text += id + ".CfgVersion = \"8\"\n" + id + ".State = \"normal\"\n";
-        text += id + ".UUID = \"56 4d " + Uuid(n).substr(0, 8) + "\"\n";
-        text += id + ".IsCfgPathNormalized = \"TRUE\"\n";
-    }
-    return text;
+void WriteConsoleUser(const std::string& root) {
+    WriteFile(root + "/.machine", "console_user = ann\nconsole_uid = 501\nconsole_home = " HOME
+                                  "\nnic = en0 3C:22:FB:6E:91:04\n");
 }
 
-std::string VirtualBoxXml(int entries) {
-    std::string text =
-        "<?xml version=\"1.0\"?>\n<VirtualBox xmlns=\"http://www.virtualbox.org/\" "
-        "version=\"1.12-macosx\">\n  <Global>\n    <ExtraData>\n      <ExtraDataItem "
-        "name=\"GUI/LastWindowPosition\" value=\"10,10,640,480\"/>\n    </ExtraData>\n"
-        "    <MachineRegistry>\n";
-    for (int n = 1; n <= entries; ++n) {
-        const std::string vm = "VM " + std::to_string(n);
-        text += "      <MachineEntry uuid=\"{" + Uuid(n) + "}\" src=\"" + kHome +
-                "/VirtualBox VMs/" + vm + "/" + vm + ".vbox\"/>\n";
-    }
-    text += "    </MachineRegistry>\n    <NetserviceRegistry/>\n  </Global>\n</VirtualBox>\n";
-    return text;
-}
-
-std::string ParallelsBundle(int n) {
-    return kHome + "/Documents/Parallels/VM " + std::to_string(n) + ".pvm";
-}
-
-std::string ParallelsDirectoryList(int entries) {
-    std::string text =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ParallelsVmDirectories "
-        "schemaVersion=\"1.0\">\n <VmDirectory>\n  <Uuid>{dir}</Uuid>\n";
-    for (int n = 1; n <= entries; ++n) {
-        text += "  <VirtualMachine>\n   <Uuid>{" + Uuid(n) +
-                "}</Uuid>\n   <RegisteredBy>ann</RegisteredBy>\n   <VmHome>" + ParallelsBundle(n) +
-                "/config.pvs</VmHome>\n   <VmName>VM " + std::to_string(n) +
-                "</VmName>\n   <IsTemplate>0</IsTemplate>\n  </VirtualMachine>\n";
-    }
-    text += " </VmDirectory>\n</ParallelsVmDirectories>\n";
-    return text;
-}
-
-}  // namespace
-
-const std::vector<Inventory>& Inventories() {
-    static const std::vector<Inventory> inventories = {
-        {"Fusion5", "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs", kVmInventory,
-         FusionInventory, "12.2.0", 50},
-        {"VirtualBox", "VirtualMachineImpl_VirtualBox2_EnumerateVMs", kVirtualBoxXml, VirtualBoxXml,
-         "4.3.12", 0},
-        {"Parallels", "VirtualMachineImpl_Parallels4_EnumerateVMs", kDirectoryList,
-         ParallelsDirectoryList, "9.0.24251", 0},
-    };
-    return inventories;
-}
-
-std::string InventoryRoot(const std::string& scratch, const Inventory& inv, int entries) {
-    bool fresh = false;
-    const std::string root =
-        Root(scratch, std::string(inv.name) + "-" + std::to_string(entries), fresh);
-    if (fresh) {
-        WriteFile(root + inv.file, inv.generate(entries));
-        if (std::string(inv.name) == "Parallels")
-            for (int n = 1; n <= entries; ++n) MakeDirs(root + ParallelsBundle(n));
-    }
-    return root;
-}
-
-// ---- one VM each ----
-
-const std::string kFusionVmx = kHome + "/Virtual Machines.localized/Bench.vmwarevm/Bench.vmx";
-const std::string kFusionLog = kHome + "/Virtual Machines.localized/Bench.vmwarevm/vmware.log";
-
-namespace {
-
-// A VM that was paused once, early, and resumed: the reader's backward search
-// for the last pause walks nearly the whole log.
-std::string VmwareLog(size_t bytes) {
-    std::string log = LogText(kMB, 0.0);
-    log += "2024-05-01T10:00:00.000Z| vmx| I005: VMAutomation_Pause: pause = TRUE\n";
-    log += "2024-05-01T10:05:00.000Z| vmx| I005: VMAutomation_Pause: pause = FALSE\n";
-    log += LogText(bytes - log.size(), 0.0);
-    return log;
-}
-
-}  // namespace
-
-std::string FusionVmRoot(const std::string& scratch, size_t logMB) {
-    bool fresh = false;
-    const std::string root = Root(scratch, "fusion-vm-" + std::to_string(logMB), fresh);
-    if (fresh) {
-        WriteFile(root + kFusionVmx,
-                  ".encoding = \"UTF-8\"\nconfig.version = \"8\"\nvirtualHW.version = \"19\"\n"
-                  "displayName = \"Bench\"\nguestOS = \"windows7-64\"\nmemsize = \"4096\"\n"
-                  "ethernet0.present = \"TRUE\"\nethernet0.connectionType = \"nat\"\n"
-                  "ethernet0.startConnected = \"TRUE\"\nethernet1.present = \"TRUE\"\n"
-                  "ethernet1.connectionType = \"bridged\"\nethernet1.startConnected = \"FALSE\"\n");
-        WriteFile(root + kFusionLog, VmwareLog(logMB * kMB));
-        InstallPrintingTool(root, "/bin/ps",
-                            "  PID   TT  STAT      TIME COMMAND\n    1   ??  Ss     1:00.00 "
-                            "/sbin/launchd\n  812   ??  S      9:12.34 /Applications/VMware "
-                            "Fusion.app/Contents/Library/vmware-vmx -s vmx.stdio.keep=TRUE -# "
-                            "product=64;name=VMware Fusion; -@ duplex=3;msgs=ui " +
-                                kFusionVmx + "\n");
-    }
-    return root;
-}
-
-const std::string kAdaptersVmx = kHome + "/Virtual Machines.localized/Wired.vmwarevm/Wired.vmx";
-
-std::string FusionAdaptersRoot(const std::string& scratch, int adapters) {
-    bool fresh = false;
-    const std::string root = Root(scratch, "fusion-adapters-" + std::to_string(adapters), fresh);
-    if (fresh) {
-        std::string vmx =
-            ".encoding = \"UTF-8\"\nconfig.version = \"8\"\ndisplayName = \"Wired\"\n"
-            "guestOS = \"ubuntu-64\"\ncheckpoint.vmState = \"Wired-3c5a0b.vmss\"\n";
-        const char* kinds[] = {"nat", "bridged", "hostonly", "custom"};
-        for (int n = 0; n < adapters; ++n) {
-            const std::string key = "ethernet" + std::to_string(n);
-            vmx += key + ".present = \"" + (n % 10 == 9 ? "FALSE" : "TRUE") + "\"\n" + key +
-                   ".connectionType = \"" + kinds[n % 4] + "\"\n" + key +
-                   ".virtualDev = \"e1000e\"\n" + key + ".startConnected = \"" +
-                   (n % 3 ? "TRUE" : "FALSE") + "\"\n" + key + ".addressType = \"generated\"\n";
-        }
-        WriteFile(root + kAdaptersVmx, vmx);
-    }
-    return root;
-}
-
-const std::string kVBoxManage = "/Applications/VirtualBox.app/Contents/MacOS/VBoxManage";
-const std::string kVBoxSettings = kHome + "/VirtualBox VMs/Bench/Bench.vbox";
-
-namespace {
-
-// A machine with four adapters (the second disabled) and a long tail of
-// guest properties and snapshots, as a VM that has lived for years shows.
-std::string ShowVmInfo(size_t bytes) {
-    std::string report =
-        "Name:            Bench\nGroups:          /\nGuest OS:        Windows 10 (64-bit)\n"
-        "UUID:            " +
-        Uuid(7) + "\nConfig file:     " + kVBoxSettings +
-        "\nMemory size:     4096MB\nState:           running (since "
-        "2024-05-01T10:00:00.000000000)\n"
-        "NIC 1:           MAC: 080027AABB01, Attachment: NAT, Cable connected: on, Trace: off\n"
-        "NIC 1 Settings:  MTU: 0, Socket (send: 64, receive: 64), TCP Window (send:64, receive: "
-        "64)\n"
-        "NIC 1 Rule(0):   name = ssh, protocol = tcp, host ip = , host port = 2222\n"
-        "NIC 2:           disabled\n"
-        "NIC 3:           MAC: 080027AABB03, Attachment: Bridged Interface 'en0: Ethernet', Cable "
-        "connected: on\n"
-        "NIC 4:           MAC: 080027AABB04, Attachment: Host-only Interface 'vboxnet0', Cable "
-        "connected: off\n"
-        "NIC 5:           disabled\nNIC 6:           disabled\nNIC 7:           disabled\n"
-        "NIC 8:           disabled\n";
-    for (int n = 0; report.size() < bytes; ++n) {
-        report += "Name: /VirtualBox/GuestInfo/Net/" + std::to_string(n % 8) +
-                  "/V4/IP, value: 10.0.2." + std::to_string(n % 250) +
-                  ", timestamp: 1714557600000000000, flags: \n";
-        if (n % 16 == 0)
-            report += "   Name: Snapshot " + std::to_string(n) + " (UUID: " + Uuid(n) + ")\n";
-    }
-    return report;
-}
-
-}  // namespace
-
-std::string VirtualBoxVmRoot(const std::string& scratch, size_t reportMB) {
-    bool fresh = false;
-    const std::string root = Root(scratch, "vbox-vm-" + std::to_string(reportMB), fresh);
-    if (fresh) {
-        WriteFile(root + "/Applications/VirtualBox.app/Contents/Info.plist",
-                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-                  "<key>CFBundleIdentifier</key><string>org.virtualbox.app.VirtualBox</string>\n"
-                  "<key>CFBundleShortVersionString</key><string>4.3.12</string>\n</dict>\n"
-                  "</plist>\n");
-        WriteFile(root + kVBoxSettings,
-                  "<?xml version=\"1.0\"?>\n<VirtualBox xmlns=\"http://www.virtualbox.org/\">\n"
-                  "  <Machine uuid=\"{" +
-                      Uuid(7) +
-                      "}\" name=\"Bench\" OSType=\"Windows10_64\">\n  </Machine>\n"
-                      "</VirtualBox>\n");
-        InstallPrintingTool(root, kVBoxManage, ShowVmInfo(reportMB * kMB));
-    }
-    return root;
-}
-
-// ---- a whole Mac ----
-
-namespace {
-
-void WriteApp(const std::string& root, const std::string& bundle, const std::string& id,
+void WriteApp(const std::string& root, const std::string& name, const std::string& id,
               const std::string& version) {
-    WriteFile(root + bundle + "/Contents/Info.plist",
+    WriteFile(root + "/Applications/" + name + ".app/Contents/Info.plist",
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
               "<key>CFBundleIdentifier</key><string>" +
                   id + "</string>\n<key>CFBundleShortVersionString</key><string>" + version +
@@ -253,83 +47,232 @@ void WriteApp(const std::string& root, const std::string& bundle, const std::str
 }
 
 std::string FusionVmx(int n) {
-    return kHome + "/Virtual Machines.localized/VM " + std::to_string(n) + ".vmwarevm/VM " +
-           std::to_string(n) + ".vmx";
+    return HOME "/Virtual Machines.localized/VM " + Num(n) + ".vmwarevm/VM " + Num(n) + ".vmx";
 }
 
-std::string ParallelsConfig(int n) {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ParallelsVirtualMachine "
-           "schemaVersion=\"1.0\">\n   <AppVersion>18.3.2-53621</AppVersion>\n   "
-           "<Identification>\n      <VmUuid>{" +
-           Uuid(n) + "}</VmUuid>\n      <VmName>VM " + std::to_string(n) +
-           "</VmName>\n   </Identification>\n   <Settings>\n      <General>\n         "
-           "<OsType>9</OsType>\n         <OsNumber>2317</OsNumber>\n      </General>\n   "
-           "</Settings>\n   <Hardware>\n      <Cpu>\n         <Number>2</Number>\n      "
-           "</Cpu>\n      <Memory>\n         <RAM>4096</RAM>\n      </Memory>\n"
-           "      <NetworkAdapter>\n         <Index>0</Index>\n         <Enabled>1</Enabled>\n"
-           "         <Connected>1</Connected>\n         <EmulatedType>1</EmulatedType>\n"
-           "         <MAC>001C4277AB10</MAC>\n         <UserFriendlyName></UserFriendlyName>\n"
-           "      </NetworkAdapter>\n   </Hardware>\n</ParallelsVirtualMachine>\n";
+// Fusion's own layout, with keys the reader passes over; every
+// folderEvery-th entry a folder, whose config is empty.
+std::string FusionInventory(int n, int folderEvery) {
+    std::string text = ".encoding = \"UTF-8\"\n";
+    for (int k = 1; k <= n; ++k) {
+        const std::string id = "vmlist" + Num(k);
+        const bool folder = folderEvery && k % folderEvery == 0;
+        text += id + ".config = \"" + (folder ? std::string() : FusionVmx(k)) + "\"\n" + id +
+                ".DisplayName = \"VM " + Num(k) + "\"\n" + id + ".ParentID = \"0\"\n" + id +
+                ".ItemID = \"" + id + "\"\n" + id + ".IsFavorite = \"TRUE\"\n" + id +
+                ".UUID = \"56 4d " + Uuid(k).substr(0, 8) + "\"\n";
+    }
+    return text;
+}
+
+std::string VirtualBoxSettings(int n) {
+    return HOME "/VirtualBox VMs/VM " + Num(n) + "/VM " + Num(n) + ".vbox";
+}
+
+std::string VirtualBoxXml(int n) {
+    std::string text =
+        "<?xml version=\"1.0\"?>\n<VirtualBox xmlns=\"http://www.virtualbox.org/\" "
+        "version=\"1.12-macosx\">\n  <Global>\n    <MachineRegistry>\n";
+    for (int k = 1; k <= n; ++k)
+        text += "      <MachineEntry uuid=\"{" + Uuid(k) + "}\" src=\"" + VirtualBoxSettings(k) +
+                "\"/>\n";
+    return text + "    </MachineRegistry>\n  </Global>\n</VirtualBox>\n";
+}
+
+void WriteVirtualBoxSettings(const std::string& root, const std::string& path, int n) {
+    WriteFile(root + path,
+              "<?xml version=\"1.0\"?>\n<VirtualBox xmlns=\"http://www.virtualbox.org/\">\n"
+              "  <Machine uuid=\"{" +
+                  Uuid(n) + "}\" name=\"VM " + Num(n) + "\">\n  </Machine>\n</VirtualBox>\n");
+}
+
+// showvminfo of a running machine with `nics` adapters, every tenth disabled.
+std::string ShowVmInfo(int nics) {
+    std::string text =
+        "Name:            Bench\nGuest OS:        Windows 10 (64-bit)\nUUID:            " +
+        Uuid(7) + "\nState:           running (since 2024-05-01T10:00:00.000)\n";
+    for (int k = 1; k <= nics; ++k) {
+        const std::string key = "NIC " + Num(k) + ":";
+        text += key + std::string(17 - key.size(), ' ');
+        text += k % 10 == 0 ? "disabled\n"
+                            : "MAC: 080027AABB01, Attachment: NAT, Cable connected: on, Trace: "
+                              "off (file: none), Type: 82540EM, Reported speed: 0 Mbps\n";
+    }
+    return text;
+}
+
+std::string ParallelsBundle(int n) {
+    return HOME "/Documents/Parallels/VM " + Num(n) + ".pvm";
+}
+
+// n VMs in `bundles` bundles, in turn.
+std::string ParallelsDirectoryList(int n, int bundles) {
+    std::string text =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ParallelsVmDirectories "
+        "schemaVersion=\"1.0\">\n <VmDirectory>\n  <Uuid>{dir}</Uuid>\n";
+    for (int k = 1; k <= n; ++k)
+        text += "  <VirtualMachine>\n   <Uuid>{" + Uuid(k) +
+                "}</Uuid>\n   <RegisteredBy>ann</RegisteredBy>\n   <VmHome>" +
+                ParallelsBundle((k - 1) % bundles + 1) + "/config.pvs</VmHome>\n   <VmName>VM " +
+                Num(k) + "</VmName>\n  </VirtualMachine>\n";
+    return text + " </VmDirectory>\n</ParallelsVmDirectories>\n";
+}
+
+// A config.pvs with `adapters` adapters, every tenth disabled.
+std::string ParallelsConfig(int n, int adapters) {
+    std::string text =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ParallelsVirtualMachine "
+        "schemaVersion=\"1.0\">\n <Identification>\n  <VmUuid>{" +
+        Uuid(n) + "}</VmUuid>\n  <VmName>VM " + Num(n) +
+        "</VmName>\n </Identification>\n <Settings>\n  <General>\n"
+        "   <OsType>9</OsType>\n   <OsNumber>2317</OsNumber>\n  </General>\n"
+        " </Settings>\n <Hardware>\n";
+    for (int k = 0; k < adapters; ++k)
+        text += "  <NetworkAdapter>\n   <Index>" + Num(k) + "</Index>\n   <Enabled>" +
+                (k % 10 == 9 ? "0" : "1") +
+                "</Enabled>\n   <Connected>1</Connected>\n   <EmulatedType>1</EmulatedType>\n"
+                "   <MAC>001C4277AB10</MAC>\n   <UserFriendlyName></UserFriendlyName>\n"
+                "  </NetworkAdapter>\n";
+    return text + " </Hardware>\n</ParallelsVirtualMachine>\n";
+}
+
+// The reader looks each bundle up: a thousand of them, so that both sizes
+// meet the same file system, not one just given 100,000 folders.
+void ParallelsList(const std::string& root, int n) {
+    WriteFile(root + kDirectoryList, ParallelsDirectoryList(n, 1000));
+    for (int k = 1; k <= 1000; ++k) std::filesystem::create_directories(root + ParallelsBundle(k));
+}
+
+// A suspended VM (so no process listing) whose adapters have their keys in
+// the order Fusion writes them, every tenth not present.
+std::string VmxWithAdapters(int n) {
+    std::string vmx =
+        "displayName = \"Wired\"\nguestOS = \"ubuntu-64\"\n"
+        "checkpoint.vmState = \"Wired-3c5a0b.vmss\"\n";
+    const char* kinds[] = {"nat", "bridged", "hostonly", "custom"};
+    for (int k = 0; k < n; ++k) {
+        const std::string key = "ethernet" + Num(k);
+        vmx += key + ".present = \"" + (k % 10 == 9 ? "FALSE" : "TRUE") + "\"\n" + key +
+               ".connectionType = \"" + kinds[k % 4] + "\"\n" + key + ".virtualDev = \"e1000e\"\n" +
+               key + ".startConnected = \"" + (k % 3 ? "TRUE" : "FALSE") + "\"\n";
+    }
+    return vmx;
 }
 
 }  // namespace
 
-WholeMac WholeMacRoot(const std::string& scratch, int vms) {
-    WholeMac mac;
-    bool fresh = false;
-    mac.root = Root(scratch, "whole-mac-" + std::to_string(vms), fresh);
-    mac.fusionVms = vms - 2 * (vms / 3);
-    mac.virtualBoxVms = vms / 3;
-    mac.parallelsVms = vms / 3;
-    if (!fresh) return mac;
-    const std::string& root = mac.root;
-    WriteFile(root + "/.machine", "console_user = ann\nconsole_uid = 501\nconsole_home = " + kHome +
-                                      "\nnic = en0 3C:22:FB:6E:91:04\n");
-    WriteApp(root, "/Applications/VMware Fusion.app", "com.vmware.fusion", "13.5.0");
-    WriteApp(root, "/Applications/VirtualBox.app", "org.virtualbox.app.VirtualBox", "7.0.14");
-    WriteApp(root, "/Applications/Parallels Desktop.app", "com.parallels.desktop.console",
-             "18.3.2");
-    InstallPrintingTool(root, "/usr/sbin/system_profiler",
-                        "Hardware:\n\n    Hardware Overview:\n\n      Model Name: MacBook Pro\n"
-                        "      Model Identifier: MacBookPro16,1\n");
+std::string LogText(size_t bytes, double multiByteShare) {
+    static const char* const kWide[] = {"\xC3\xA9", "\xE2\x82\xAC", "\xE6\x97\xA5",
+                                        "\xF0\x9F\x98\x80"};
+    const std::string line =
+        "2024-05-01T10:00:00.000Z| vmx| I005: VMAutomation: ToolsRpc channel opened, guest state "
+        "connected, DISKLIB checkpoint 0x7f3a received\n";
+    std::string text;
+    text.reserve(bytes + 256);
+    // The multi-byte characters at random places, so that no decoder can
+    // learn where they fall.
+    for (uint64_t k = 0, seed = 0x9E3779B97F4A7C15ULL; text.size() < bytes; ++k) {
+        seed ^= seed << 13, seed ^= seed >> 7, seed ^= seed << 17;
+        const char c = line[k % line.size()];
+        const bool wide = c != '\n' && static_cast<double>(seed % 1000000) < multiByteShare * 1e6;
+        if (wide)
+            text += kWide[seed % 4];
+        else
+            text += c;
+    }
+    return text;
+}
 
-    // Fusion: the inventory, a .vmx each, every tenth VM running with a log.
-    std::string inventory = ".encoding = \"UTF-8\"\n";
+const std::vector<ListReader>& ListReaders() {
+    using Root = const std::string&;
+    static const std::vector<ListReader> readers = {
+        {"fusion5_inventory", "VMware Fusion 5+ inventory (vmInventory)",
+         "VirtualMachineImpl_VmWareFusion_5x_EnumerateVMs", "13.5.0", "", L"VMs", 50,
+         [](Root root, int n) {
+             WriteConsoleUser(root);
+             WriteFile(root + kFusionInventory, FusionInventory(n, 50));
+         }},
+        {"fusion1_favourites", "VMware Fusion 1-4 inventory (preferences' favourites)",
+         "VirtualMachineImpl_VmWareFusion1_EnumerateVMs", "3.1.0", "", L"VMs", 0,
+         [](Root root, int n) {
+             WriteConsoleUser(root);
+             std::string plist =
+                 "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                 "<key>VMFavoritesListDefaults2</key>\n<array>\n";
+             for (int k = 1; k <= n; ++k)
+                 plist += "<dict><key>path</key><string>" + FusionVmx(k) + "</string></dict>\n";
+             WriteFile(root + kFusionPreferences, plist + "</array>\n</dict>\n</plist>\n");
+         }},
+        {"virtualbox_registry", "VirtualBox inventory (VirtualBox.xml)",
+         "VirtualMachineImpl_VirtualBox2_EnumerateVMs", "7.0.14", "", L"VMs", 0,
+         [](Root root, int n) {
+             WriteConsoleUser(root);
+             WriteFile(root + kVirtualBoxXml, VirtualBoxXml(n));
+         }},
+        {"parallels_list", "Parallels VM list (vmdirectorylist)",
+         "VirtualMachineImpl_Parallels4_EnumerateVMs", "18.3.2", "", L"VMs", 0, ParallelsList},
+        {"vmx_adapters", ".vmx adapters (VMware GetVMNetwork)",
+         "VirtualMachineImpl_VmWareFusion1_GetVMNetwork", "13.5.0", kWiredVmx, L"Networks", 10,
+         [](Root root, int n) { WriteFile(root + kWiredVmx, VmxWithAdapters(n)); }},
+        {"showvminfo_nics", "showvminfo NICs (VirtualBox GetVMNetwork)",
+         "VirtualMachineImpl_VirtualBox2_GetVMNetwork", "7.0.14", kBenchVbox, L"Networks", 10,
+         [](Root root, int n) {
+             WriteApp(root, "VirtualBox", "org.virtualbox.app.VirtualBox", "7.0.14");
+             WriteVirtualBoxSettings(root, kBenchVbox, 7);
+             InstallTool(root, kVBoxManage, ShowVmInfo(n));
+         }},
+        {"config_pvs_adapters", "config.pvs adapters (Parallels GetVMNetwork)",
+         "VirtualMachineImpl_Parallels4_GetVMNetwork", "18.3.2", kBenchPvm, L"Networks", 10,
+         [](Root root, int n) {
+             WriteFile(root + kBenchPvm + "/config.pvs", ParallelsConfig(1, n));
+         }},
+        {"vmrun_snapshots", "vmrun snapshot list (VMware ListSnapshots)",
+         "VirtualMachineImpl_VmWareFusion4_ListSnapshots", "13.5.0", kWiredVmx, L"Snapshots", 0,
+         [](Root root, int n) {
+             std::string out = "Total snapshots: " + Num(n) + "\r\n";
+             for (int k = 1; k <= n; ++k) out += "Snapshot " + Num(k) + "\r\n";
+             InstallTool(root, kVmrun, out);
+         }},
+    };
+    return readers;
+}
+
+WholeMac WriteWholeMac(const std::string& root, int vms, double toolSeconds) {
+    WholeMac mac{vms - 2 * (vms / 3), vms / 3, vms / 3};
+    WriteConsoleUser(root);
+    WriteApp(root, "VMware Fusion", "com.vmware.fusion", "13.5.0");
+    WriteApp(root, "VirtualBox", "org.virtualbox.app.VirtualBox", "7.0.14");
+    WriteApp(root, "Parallels Desktop", "com.parallels.desktop.console", "18.3.2");
+    InstallTool(root, "/usr/sbin/system_profiler",
+                "Hardware:\n\n    Hardware Overview:\n\n      Model Name: MacBook Pro\n",
+                toolSeconds);
+
+    // Fusion: every tenth VM running, so in the process listing, with a log.
+    WriteFile(root + kFusionInventory, FusionInventory(mac.fusionVms, 0));
     std::string listing =
         "  PID   TT  STAT      TIME COMMAND\n    1   ??  Ss     1:00.00 /sbin/launchd\n";
-    for (int n = 1; n <= mac.fusionVms; ++n) {
-        const std::string vmx = FusionVmx(n);
-        inventory += "vmlist" + std::to_string(n) + ".config = \"" + vmx + "\"\n";
-        WriteFile(root + vmx, "displayName = \"VM " + std::to_string(n) +
-                                  "\"\nguestOS = \"windows9-64\"\ncheckpoint.vmState = \"\"\n"
-                                  "ethernet0.present = \"TRUE\"\nethernet0.connectionType = "
-                                  "\"nat\"\n");
-        if (n % 10 == 0) {
-            listing += " " + std::to_string(1000 + n) +
-                       "   ??  S      1:00.00 /Applications/VMware Fusion.app/Contents/Library/"
-                       "vmware-vmx -s vmx.stdio.keep=TRUE " +
-                       vmx + "\n";
-            WriteFile(root + vmx.substr(0, vmx.rfind('/')) + "/vmware.log", LogText(256 * 1024, 0));
-        }
+    for (int k = 1; k <= mac.fusionVms; ++k) {
+        const std::string vmx = FusionVmx(k);
+        WriteFile(root + vmx, "displayName = \"VM " + Num(k) +
+                                  "\"\nguestOS = \"windows9-64\"\nethernet0.present = \"TRUE\"\n"
+                                  "ethernet0.connectionType = \"nat\"\n");
+        if (k % 10 != 0) continue;
+        listing += Num(10000 + k) +
+                   "   ??  S      1:00.00 /Applications/VMware Fusion.app/Contents/Library/"
+                   "vmware-vmx -s vmx.stdio.keep=TRUE " +
+                   vmx + "\n";
+        WriteFile(root + vmx.substr(0, vmx.rfind('/')) + "/vmware.log", LogText(256 * 1024, 0));
     }
-    WriteFile(root + kVmInventory, inventory);
-    InstallPrintingTool(root, "/bin/ps", listing);
+    InstallTool(root, "/bin/ps", listing, toolSeconds);
 
-    // VirtualBox: the registry, a settings file each, one report for all.
     WriteFile(root + kVirtualBoxXml, VirtualBoxXml(mac.virtualBoxVms));
-    for (int n = 1; n <= mac.virtualBoxVms; ++n) {
-        const std::string vm = "VM " + std::to_string(n);
-        WriteFile(root + kHome + "/VirtualBox VMs/" + vm + "/" + vm + ".vbox",
-                  "<?xml version=\"1.0\"?>\n<VirtualBox xmlns=\"http://www.virtualbox.org/\">\n"
-                  "  <Machine uuid=\"{" +
-                      Uuid(n) + "}\" name=\"" + vm + "\">\n  </Machine>\n</VirtualBox>\n");
-    }
-    InstallPrintingTool(root, kVBoxManage, ShowVmInfo(8 * 1024));
+    for (int k = 1; k <= mac.virtualBoxVms; ++k)
+        WriteVirtualBoxSettings(root, VirtualBoxSettings(k), k);
+    InstallTool(root, kVBoxManage, ShowVmInfo(4), toolSeconds);
 
-    // Parallels: the directory list and a bundle with its config.pvs each.
-    WriteFile(root + kDirectoryList, ParallelsDirectoryList(mac.parallelsVms));
-    for (int n = 1; n <= mac.parallelsVms; ++n)
-        WriteFile(root + ParallelsBundle(n) + "/config.pvs", ParallelsConfig(n));
+    WriteFile(root + kDirectoryList, ParallelsDirectoryList(mac.parallelsVms, mac.parallelsVms));
+    for (int k = 1; k <= mac.parallelsVms; ++k)
+        WriteFile(root + ParallelsBundle(k) + "/config.pvs", ParallelsConfig(k, 1));
     return mac;
 }
 

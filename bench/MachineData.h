@@ -1,7 +1,6 @@
-// Generated Macs for the benchmarks and the memory probe: machine roots with
-// inventories of any size, a running Fusion 5 VM with a large vmware.log and
-// a VirtualBox machine whose showvminfo report is large. Each root is written
-// on first use inside the given scratch folder and reused after.
+// Generated Macs (machine roots, docs/machine-root.md) for the benchmarks:
+// each list-shaped reader's input at any size, and a whole Mac for
+// `implvm inventory`.
 #pragma once
 
 #include <string>
@@ -9,57 +8,33 @@
 
 namespace implvm_bench {
 
-// ---- inventories ----
+// Log-like text of about `bytes` bytes; with multiByteShare > 0 that share
+// of the characters are two-, three- and four-byte UTF-8 sequences.
+std::string LogText(size_t bytes, double multiByteShare);
 
-struct Inventory {
-    const char* name;    // "Fusion5", "VirtualBox", "Parallels"
-    const char* method;  // its EnumerateVMs method
-    std::string file;    // Mac path of the file it reads
-    std::string (*generate)(int entries);
-    const char* version;  // product version handed to the method
-    int every;            // every n-th entry is one the method skips (0: none)
-    // How many VMs the method lists for `entries` entries.
-    int listed(int entries) const { return every ? entries - entries / every : entries; }
+// A reader whose input is a list: the inventories, the adapters of a .vmx,
+// of a showvminfo report and of a config.pvs, vmrun's snapshot list. The
+// method is called as a host calls it and must list listed(n) items.
+struct ListReader {
+    const char* name;     // short name, used in benchmark names
+    const char* figure;   // what the summary line says
+    const char* method;   // the method a host calls
+    const char* version;  // the product version handed to it
+    const char* vm;       // its "Name" input ("" for none)
+    const wchar_t* list;  // the output that holds the list
+    int skipEvery;        // every skipEvery-th entry is one the reader leaves out (0: none)
+    void (*write)(const std::string& root, int n);  // a Mac whose list has n entries
+    int listed(int n) const { return skipEvery ? n - n / skipEvery : n; }
 };
-const std::vector<Inventory>& Inventories();
+const std::vector<ListReader>& ListReaders();
 
-// A root holding `inv`'s file with `entries` entries (and, for Parallels,
-// the bundles it names, since the adapter looks each one up).
-std::string InventoryRoot(const std::string& scratch, const Inventory& inv, int entries);
-
-// ---- one VM each ----
-
-extern const std::string kFusionVmx;  // Mac path of the running VM's .vmx
-extern const std::string kFusionLog;  // its vmware.log
-// A Fusion 5 VM shown running by /bin/ps, paused once early in a log of
-// logMB megabytes and resumed: the search for the last pause walks nearly
-// the whole log.
-std::string FusionVmRoot(const std::string& scratch, size_t logMB);
-
-extern const std::string kAdaptersVmx;  // Mac path of the many-adapter VM's .vmx
-// A suspended Fusion VM whose .vmx declares `adapters` adapters (every tenth
-// not present), with their keys in the order Fusion writes them.
-std::string FusionAdaptersRoot(const std::string& scratch, int adapters);
-
-extern const std::string kVBoxManage;    // Mac path of the tool
-extern const std::string kVBoxSettings;  // Mac path of the machine's settings file
-// A VirtualBox machine with four adapters (three enabled) whose showvminfo
-// report runs to reportMB megabytes of guest properties and snapshots.
-std::string VirtualBoxVmRoot(const std::string& scratch, size_t reportMB);
-
-// ---- a whole Mac ----
-
+// A Mac with all three hypervisors and `vms` VMs shared among them: the
+// inventories, each VM's files, and stand-ins for the tools their
+// descriptions run (ps or VBoxManage twice a VM, system_profiler once), each
+// waiting toolSeconds before it answers.
 struct WholeMac {
-    std::string root;
-    int fusionVms = 0;      // Fusion 13 VMs (every tenth running)
-    int virtualBoxVms = 0;  // VirtualBox 7 machines
-    int parallelsVms = 0;   // Parallels Desktop 18 VMs
+    int fusionVms = 0, virtualBoxVms = 0, parallelsVms = 0;
 };
-// A Mac with all three hypervisors installed and `vms` VMs shared among
-// them, for a whole `implvm inventory`: bundles with their versions, the
-// three inventories, a .vmx, settings file or config.pvs per VM, the process
-// listing and the tools the descriptions run (ps, VBoxManage,
-// system_profiler), and a network interface.
-WholeMac WholeMacRoot(const std::string& scratch, int vms);
+WholeMac WriteWholeMac(const std::string& root, int vms, double toolSeconds);
 
 }  // namespace implvm_bench
