@@ -25,7 +25,7 @@ test-asan: deps
 test-tsan: deps
 	cmake --preset tsan >/dev/null
 	cmake --build --preset tsan --target concurrency_test support_files_test support_types_test \
-		support_call_records_test
+		support_call_records_test implvm_inventory_test
 	ctest --preset tsan
 
 # Only what the demo runs: the libraries and implvm (the "demo" build

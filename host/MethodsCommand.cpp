@@ -1,7 +1,10 @@
 // implvm methods: the method functions the loaded module exports.
 #include <iostream>
+#include <memory>
 
 #include "Commands.h"
+#include "Installed.h"
+#include "Methods.h"
 
 namespace implvm {
 
@@ -12,8 +15,29 @@ void AddMethodsCommand(CLI::App& app, Host& host) {
         "In the order of the module's header. The module's internal routines (GetAllVms, "
         "GetInfoForVm, PerformVMAction, ControlSnapshot, macAddressCheck) have signatures of "
         "their own and are not listed; implvm call refuses them."));
-    methods->callback([&host] {
-        for (const std::string& name : host.module().methods()) std::cout << name << '\n';
+    auto json = std::make_shared<bool>(false);
+    methods->add_flag("--json", *json,
+                      "Print {\"methods\": [{\"name\", \"hypervisor\", \"firstMajor\", "
+                      "\"lastMajor\"}, ...]}; lastMajor null for no last version");
+    methods->callback([&host, json] {
+        const std::vector<std::string> names = host.module().methods();
+        if (!*json) {
+            for (const std::string& name : names) std::cout << name << '\n';
+            return;
+        }
+        Json list = Json::array();
+        for (const std::string& name : names) {
+            const ImplVm::MethodEntry* entry = ImplVm::FindMethod(name);
+            const bool product = entry->product != ImplVm::Hypervisor::kNone;
+            list.push_back(
+                {{"name", name},
+                 {"hypervisor", product ? Json(FactsOf(entry->product).key) : Json(nullptr)},
+                 {"firstMajor", product ? Json(entry->firstMajor) : Json(nullptr)},
+                 {"lastMajor", product && entry->lastMajor != ImplVm::kAnyLater
+                                   ? Json(entry->lastMajor)
+                                   : Json(nullptr)}});
+        }
+        PrintJson(WithSchema({{"methods", list}}));
     });
 }
 

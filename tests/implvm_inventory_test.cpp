@@ -34,7 +34,8 @@ void NormaliseErrors(Json& node) {
 // answered 0 or more unless `broken`. The document is the same whatever the
 // number of jobs.
 std::pair<Json, std::string> Inventory(const TestMachine& mac, bool broken = false) {
-    const auto json = implvm_test::Implvm({"--root", mac.root(), "inventory", "--json"});
+    const auto json =
+        implvm_test::Implvm({"--root", mac.root(), "inventory", "--json", "--jobs", "8"});
     const auto serial =
         implvm_test::Implvm({"--root", mac.root(), "inventory", "--json", "--jobs", "1"});
     const auto human = implvm_test::Implvm({"--root", mac.root(), "inventory", "--jobs", "8"});
