@@ -149,10 +149,7 @@ int VirtualMachineImpl_Parallels4_GetInfoForVm(const std::wstring& vmHome,
     (void)config.getMapVal(L"UserFriendlyName", name);
     (void)config.getMapVal(L"OS", os);
     (void)config.getMapVal(L"Networks", networks);
-    description->addString(L"UserFriendlyName", name);
-    description->addSubTree(L"OS", os);
-    description->addInteger(L"State", Readers::ParallelsState(entries));
-    description->addSubTree(L"Networks", networks);
+    Readers::FillDescription(*description, name, os, Readers::ParallelsState(entries), networks);
     return 0;
 }
 IMPLVM_BOUNDARY

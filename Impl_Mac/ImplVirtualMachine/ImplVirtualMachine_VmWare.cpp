@@ -234,10 +234,8 @@ int VirtualMachineImpl_VmWareFusion1_GetInfoForVm(const std::wstring& vmIdentifi
              : StateFromMemoryFiles(isVmxPath ? folder : vmPath, state);
     if (rc < 0) return rc;
 
-    description->addString(L"UserFriendlyName", facts.displayName);
-    description->addSubTree(L"OS", facts.os);
-    description->addInteger(L"State", state);
-    description->addSubTree(L"Networks", facts.networks);
+    ImplVm::Readers::FillDescription(*description, facts.displayName, facts.os, state,
+                                     facts.networks);
     return 0;
 }
 IMPLVM_BOUNDARY

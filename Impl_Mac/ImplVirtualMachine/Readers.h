@@ -5,6 +5,7 @@
 // to the module: nothing here is exported.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,17 @@
 #include "Vocabulary.h"
 
 namespace ImplVm::Readers {
+
+// ---- Every adapter ----
+
+// One "Networks" element: "Name", "Type" (when given), "IsConnected" (0 or
+// 1) and an empty "MacAddress".
+KALDO::typeProperty AdapterRecord(const std::wstring& name, std::optional<Attachment> type,
+                                  bool connected);
+
+// The four keys of a VM description, in the order hosts read them.
+void FillDescription(KALDO::typeProperty& description, const std::wstring& name,
+                     const KALDO::typeProperty& os, int state, const KALDO::typeProperty& networks);
 
 // ---- VMware Fusion ----
 

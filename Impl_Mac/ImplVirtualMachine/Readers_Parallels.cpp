@@ -84,21 +84,15 @@ void CutAfterBundle(std::wstring& home) {
 
 // One "Networks" element from a <NetworkAdapter> body; `number` is the
 // adapter's 1-based place among all adapters, disabled ones included.
-typeProperty AdapterRecord(const std::wstring& body, int number) {
+typeProperty AdapterOf(const std::wstring& body, int number) {
     std::wstring name = ElementText(body, L"<UserFriendlyName>", L"</UserFriendlyName>");
     if (name.empty()) name = L"Network Adapter " + CStringUtils::I32ToStr(number);
 
-    typeProperty adapter;
-    adapter.addMapVal(L"Name", name);
     const std::wstring emulated = ElementText(body, L"<EmulatedType>", L"</EmulatedType>");
     const Attachment type = FirstMatch(kEmulatedTypes, emulated, kOtherAttachment);
-    if (type != kOtherAttachment) adapter.addMapVal(L"Type", type);
     const std::wstring connected = ElementText(body, L"<Connected>", L"</Connected>");
-    adapter.addMapVal(L"IsConnected", connected == L"0" ? 0 : 1);
-    // The address is not taken from the configuration; the key is part of
-    // the record all the same.
-    adapter.addMapVal(L"MacAddress", std::wstring());
-    return adapter;
+    return Readers::AdapterRecord(
+        name, type != kOtherAttachment ? std::optional(type) : std::nullopt, connected != L"0");
 }
 
 }  // namespace
@@ -137,7 +131,7 @@ int ParallelsConfig(const std::wstring& text, typeProperty& description) {
     for (size_t i = 0; i < adapters.size(); ++i) {
         // A disabled adapter is left out but keeps its number.
         if (ElementText(adapters[i], L"<Enabled>", L"</Enabled>") == L"0") continue;
-        networks.addVecVal(AdapterRecord(adapters[i], static_cast<int>(i) + 1));
+        networks.addVecVal(AdapterOf(adapters[i], static_cast<int>(i) + 1));
     }
     description.addMapVal(L"Networks", networks);
     return kDone;

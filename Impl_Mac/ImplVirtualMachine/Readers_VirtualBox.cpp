@@ -168,16 +168,12 @@ bool ReadAdapters(const std::wstring& report, typeProperty& networks) {
         if (lineValue.empty()) return false;
         if (CStringUtils::Trim(lineValue) == L"disabled") continue;
 
-        typeProperty adapter;
-        adapter.addMapVal(L"Name", L"Adapter " + CStringUtils::I32ToStr(number));
         const std::wstring attachment = nics.attachment(number);
         if (attachment.empty()) return false;
         const AttachmentKind kind =
             FirstMatch(kAttachments, CStringUtils::Trim(attachment), kOtherKind);
-        adapter.addMapVal(L"Type", kind.type);
-        adapter.addMapVal(L"IsConnected", kind.isConnected);
-        adapter.addMapVal(L"MacAddress", std::wstring());
-        networks.addVecVal(adapter);
+        networks.addVecVal(AdapterRecord(L"Adapter " + CStringUtils::I32ToStr(number), kind.type,
+                                         kind.isConnected != 0));
     }
 }
 
@@ -239,10 +235,7 @@ int VBoxDescription(const std::wstring& report, typeProperty& description) {
     typeProperty networks;
     if (!ReadAdapters(report, networks)) return kFailed;
 
-    description.addString(L"UserFriendlyName", name);
-    description.addSubTree(L"OS", os);
-    description.addInteger(L"State", state);
-    description.addSubTree(L"Networks", networks);
+    FillDescription(description, name, os, state, networks);
     return kDone;
 }
 

@@ -192,21 +192,14 @@ std::vector<Adapter> ListAdapters(std::wstring_view vmx) {
 // The "Networks" records of the listed adapters; untyped when there are
 // none.
 typeProperty AdapterRecords(const std::vector<Adapter>& adapters) {
-    // The keys made once: a VM may have many thousands of adapters.
-    static const std::wstring kName = L"Name", kType = L"Type", kIsConnected = L"IsConnected",
-                              kMacAddress = L"MacAddress";
     typeProperty networks;
     std::wstring name = L"Network";  // "Network", then "Network 2", ...; made in place
     const size_t stem = name.size();
     for (const Adapter& a : adapters) {
         name.resize(stem);
         if (a.number > 0) (name += L' ') += CStringUtils::I32ToStr(static_cast<int>(a.number) + 1);
-        typeProperty adapter;
-        adapter.addMapVal(kName, name);
-        if (a.type != kOtherAttachment) adapter.addMapVal(kType, a.type);
-        adapter.addMapVal(kIsConnected, a.connected ? 1 : 0);
-        adapter.addMapVal(kMacAddress, std::wstring());
-        networks.addVecVal(std::move(adapter));
+        networks.addVecVal(AdapterRecord(
+            name, a.type != kOtherAttachment ? std::optional(a.type) : std::nullopt, a.connected));
     }
     return networks;
 }
