@@ -187,10 +187,11 @@ Survey TakeSurvey(const Module& module, const SurveyOptions& options) {
         }
         const KALDO::typeProperty noInputs;
         if (options.hostChecks) {
-            for (const auto& [key, method] :
+            for (const auto& check :
                  {std::pair{"hardware", "VirtualMachineImpl_Common_IsMachineVirtual"},
                   {"network", "ImplVm_Common_IsMachineVirtual"}}) {
-                Json* slot = &checks[key];
+                Json* slot = &checks[check.first];
+                const char* method = check.second;
                 pool.post([&pass, &noInputs, slot, method] {
                     *slot = Call(pass, nullptr, method, noInputs, "");
                 });
