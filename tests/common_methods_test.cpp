@@ -17,12 +17,7 @@ using Codes = std::vector<int>;
 
 namespace {
 
-Codes CodesFrom(const implvm_test::CallResult& r, const char* fileSuffix) {
-    Codes codes;
-    for (const auto& e : implvm_test::ErrorsFrom(r.errors, fileSuffix)) codes.push_back(e.code);
-    EXPECT_EQ(codes.size(), r.errors.size()) << "a record names another file";
-    return codes;
-}
+using implvm_test::CodesFrom;
 
 // Keys in the order each check writes them.
 Json Virtual(const char* vendor) {

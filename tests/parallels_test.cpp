@@ -64,11 +64,7 @@ std::string Pvs(const std::string& general = kXp,
 }
 
 Codes Recorded(const CallResult& r) {
-    Codes codes;
-    for (const auto& e : implvm_test::ErrorsFrom(r.errors, "ImplVirtualMachine_Parallels.cpp"))
-        codes.push_back(e.code);
-    EXPECT_EQ(codes.size(), r.errors.size()) << "records from another source file";
-    return codes;
+    return implvm_test::CodesFrom(r, "ImplVirtualMachine_Parallels.cpp");
 }
 
 // Which homes are listed: golden_parallels_test, the corpus and the

@@ -23,11 +23,7 @@ const std::string kSettings = "<VirtualBox>\n  <Machine uuid=\"{" + kUuid + "}\"
 const std::string kReport = "Name:            Win7\nState:           running (since x)\n";
 
 Codes Recorded(const implvm_test::CallResult& r) {
-    Codes codes;
-    for (const auto& e : implvm_test::ErrorsFrom(r.errors, "ImplVirtualMachine_VirtualBox.cpp"))
-        codes.push_back(e.code);
-    EXPECT_EQ(codes.size(), r.errors.size()) << "a record names another file";
-    return codes;
+    return implvm_test::CodesFrom(r, "ImplVirtualMachine_VirtualBox.cpp");
 }
 
 // A Mac with VirtualBox in /Applications and machine Win7 of this UUID.
