@@ -2,7 +2,10 @@
 // failure lines give, help and the verdict rules behind detect.
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "Detect.h"
+#include "Golden.h"
 #include "Suggest.h"
 #include "TestMachine.h"
 
@@ -126,34 +129,21 @@ TEST_F(Admin, DetectOnTheSimulatedMac) {
     EXPECT_EQ(json["virtual"], Json());
 }
 
+// Each case of tests/data/detect_verdict: the checks' signals in order, each
+// its answer and the vendor it named, if any.
 TEST(Detect, VerdictFromSignals) {
-    using implvm::Answer;
-    const auto V = Answer::kVirtual, N = Answer::kNotVirtual, U = Answer::kUnknown;
-    const struct {
-        Answer hardware, network, flag;
-        std::string hardwareVendor, networkVendor;
-        std::string token;
-        int exitCode;
-    } rows[] = {
-        {V, N, V, "VMware, Inc.", "", "vmware", 0},
-        {N, V, V, "", "Oracle Corporation", "oracle", 0},
-        {U, V, U, "", "Xensource, Inc.", "xen", 0},
-        {N, N, V, "", "", "apple", 0},  // an Apple Virtualization guest
-        {N, N, N, "", "", "none", 1},
-        {U, U, N, "", "", "none", 1},  // the kernel's word outweighs
-        {N, N, U, "", "", "none", 1},
-        {N, U, U, "", "", "unknown", 2},
-        {U, N, U, "", "", "unknown", 2},
-        {V, N, N, "Acme Virtual", "", "vm-other", 0},
-    };
-    for (const auto& row : rows) {
-        const implvm::Verdict verdict =
-            implvm::Decide({{"hardware", row.hardware, row.hardwareVendor},
-                            {"network", row.network, row.networkVendor},
-                            {"kern.hv_vmm_present", row.flag, ""}});
-        EXPECT_EQ(verdict.token, row.token);
-        EXPECT_EQ(verdict.exitStatus, row.exitCode) << row.token;
-    }
+    implvm_test::CheckGoldenTable("detect_verdict", [](const Json& signals) {
+        const std::map<std::string, implvm::Answer> answers = {
+            {"virtual", implvm::Answer::kVirtual},
+            {"not virtual", implvm::Answer::kNotVirtual},
+            {"unknown", implvm::Answer::kUnknown}};
+        std::vector<implvm::Signal> given;
+        for (const auto& [name, signal] : signals.items())
+            given.push_back({name, answers.at(signal[0].get<std::string>()),
+                             signal.size() > 1 ? signal[1].get<std::string>() : ""});
+        const implvm::Verdict verdict = implvm::Decide(given);
+        return Json(verdict.token + ", exit " + std::to_string(verdict.exitStatus));
+    });
 }
 
 TEST(Help, VersionMistypesAndTheToolsLastWords) {
