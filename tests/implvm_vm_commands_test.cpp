@@ -47,8 +47,11 @@ protected:
 };
 
 // Each file of tests/data/implvm_session: commands run one after another on
-// one Mac (unless a command names its own root), each answered with what implvm said and which VMs'
-// states it changed (the inventory's "State", or its failure code).
+// one Mac (unless a command names its own root), each answered with what
+// implvm said and which VMs' states it changed (the inventory's "State", or
+// its failure code). A command given as an object may first put a fake tool
+// in place of a simulator ("tool", "respond": its answers in turn) and set
+// variables ("env"); its answer then shows the tool's runs instead.
 TEST(ImplvmSession, CommandsSayWhatHappenedAndChangeOnlyTheirVm) {
     implvm_test::CheckGoldenFiles("implvm_session", "json", [](const std::string& input) {
         implvm_test::TestMachine mac;
@@ -56,12 +59,31 @@ TEST(ImplvmSession, CommandsSayWhatHappenedAndChangeOnlyTheirVm) {
         std::map<std::string, int> states = States(mac);
         const Json commands = Json::parse(input);
         Json answers = Json::object();
-        for (const auto& [name, args] : commands.items()) {
-            std::vector<std::string> argv = args;
+        for (const auto& [name, given] : commands.items()) {
+            const Json command = given.is_array() ? Json{{"args", given}} : given;
+            std::vector<std::string> argv = command["args"];
             if (std::find(argv.begin(), argv.end(), "--root") == argv.end())
                 argv.insert(argv.begin(), {"--root", mac.root()});
-            const ProcessResult r = implvm_test::Implvm(argv);
+            argv.insert(argv.begin(), IMPLVM_BIN);
+            std::map<std::string, std::string> env = {{"KALDO_ROOT", ""}, {"KALDO_FAILPOINTS", ""}};
+            if (command.contains("env"))
+                for (const auto& [key, value] : command["env"].items()) env[key] = value;
+            implvm_test::FakeTool* tool = nullptr;
+            if (command.contains("tool")) {
+                tool = &mac.installTool(command["tool"]);
+                for (const Json& r : command["respond"])
+                    tool->respond({.out = r.value("out", ""),
+                                   .err = r.value("err", ""),
+                                   .exitCode = r.value("exit", 0),
+                                   .sleepSeconds = r.value("sleep", 0.0)});
+            }
+            const ProcessResult r = implvm_test::RunProcess(argv, env);
             Json& answer = answers[name] = {{"exit", r.exitCode}, {"out", r.out}, {"err", r.err}};
+            if (tool != nullptr) {
+                for (const implvm_test::FakeInvocation& run : tool->invocations())
+                    answer["ran"].push_back(run.args);
+                continue;
+            }
             for (const auto& [id, state] : States(mac))
                 if (states[id] != state) answer["changed"][id] = states[id] = state;
         }
