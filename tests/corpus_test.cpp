@@ -10,7 +10,6 @@
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <set>
@@ -38,10 +37,7 @@ void PrintTo(const CorpusCase& c, std::ostream* os) {
 }
 
 std::string ReadBytes(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return implvm_test::Slurp(path.string());
 }
 
 std::vector<CorpusCase> ListCorpus() {

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "Golden.h"
-#include "KALDO/CStringUtils.h"
 #include "Readers.h"
 
 namespace {
@@ -10,11 +9,9 @@ namespace {
 using implvm::Json;
 using implvm_test::CheckGoldenFiles;
 using implvm_test::DecodeAsFile;
+using implvm_test::Narrow;
+using implvm_test::Strings;
 namespace R = ImplVm::Readers;
-
-std::string Narrow(const std::wstring& text) {
-    return KALDO::CStringUtils::WStringToString(text);
-}
 
 // A code with its name, for the reviewer of an expected file.
 Json Code(int code) {
@@ -38,8 +35,7 @@ TEST(ParallelsReaders, VmHomes) {
     CheckGoldenFiles("parallels_vm_homes", "xml", [](const std::string& input) {
         std::vector<std::wstring> homes;
         Json answer = Code(R::ParallelsVmHomes(DecodeAsFile(input), homes));
-        answer["homes"] = Json::array();
-        for (const std::wstring& home : homes) answer["homes"].push_back(Narrow(home));
+        answer["homes"] = Strings(homes);
         return answer;
     });
 }

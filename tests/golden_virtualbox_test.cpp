@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "Golden.h"
-#include "KALDO/CStringUtils.h"
 #include "Readers.h"
 
 namespace {
@@ -10,11 +9,9 @@ namespace {
 using implvm::Json;
 using implvm_test::CheckGoldenFiles;
 using implvm_test::DecodeAsFile;
+using implvm_test::Narrow;
+using implvm_test::Strings;
 namespace R = ImplVm::Readers;
-
-std::string Narrow(const std::wstring& text) {
-    return KALDO::CStringUtils::WStringToString(text);
-}
 
 // Each file read as VirtualBox 3 (relative paths) and 4 (absolute) wrote it.
 TEST(VirtualBoxReaders, GlobalSettings) {
@@ -24,9 +21,7 @@ TEST(VirtualBoxReaders, GlobalSettings) {
             std::vector<std::wstring> paths;
             const int code = R::VBoxMachinePaths(DecodeAsFile(input), major,
                                                  L"/Users/ann/Library/VirtualBox/", paths);
-            Json list = Json::array();
-            for (const std::wstring& path : paths) list.push_back(Narrow(path));
-            got["major " + std::to_string(major)] = {{"code", code}, {"paths", list}};
+            got["major " + std::to_string(major)] = {{"code", code}, {"paths", Strings(paths)}};
         }
         return got;
     });

@@ -8,7 +8,6 @@
 
 #include "Golden.h"
 #include "KALDO/CAppleUtils.h"
-#include "KALDO/CStringUtils.h"
 #include "Readers.h"
 
 namespace {
@@ -17,11 +16,9 @@ using implvm::Json;
 using implvm::TreeToJson;
 using implvm_test::CheckGoldenFiles;
 using implvm_test::DecodeAsFile;
+using implvm_test::Narrow;
+using implvm_test::Strings;
 namespace R = ImplVm::Readers;
-
-std::string Narrow(const std::wstring& text) {
-    return KALDO::CStringUtils::WStringToString(text);
-}
 
 // The decoded text's lines, split at LF only.
 std::vector<std::wstring> Lines(const std::string& input) {
@@ -33,10 +30,7 @@ std::vector<std::wstring> Lines(const std::string& input) {
 
 TEST(VmWareReaders, Inventory) {
     CheckGoldenFiles("vm_inventory", "txt", [](const std::string& input) {
-        Json paths = Json::array();
-        for (const std::wstring& path : R::VmInventoryPaths(DecodeAsFile(input)))
-            paths.push_back(Narrow(path));
-        return paths;
+        return Strings(R::VmInventoryPaths(DecodeAsFile(input)));
     });
 }
 
@@ -54,9 +48,7 @@ TEST(VmWareReaders, Favourites) {
         EXPECT_EQ(read, 0);
         std::vector<std::wstring> paths;
         const int code = R::FavouritePaths(preferences, paths);
-        Json vms = Json::array();
-        for (const std::wstring& path : paths) vms.push_back(Narrow(path));
-        return Json{{"code", code}, {"VMs", vms}};
+        return Json{{"code", code}, {"VMs", Strings(paths)}};
     });
 }
 

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <tuple>
 
+#include "Golden.h"
 #include "Installed.h"
 #include "TestMachine.h"
 
@@ -15,54 +15,8 @@ using Args = std::vector<std::string>;
 
 namespace {
 
-TEST(ImplvmCall, InputsReachTheMethodAsTreeKinds) {
-    const std::pair<Args, int> rows[] = {
-        // clang-format off
-        {{"--in", "HYPER_TYPE=2"}, 2},
-        {{}, -3},
-        {{"--in", "HYPER_TYPE=5=x"}, 5},
-        {{"--in-json", R"({"HYPER_TYPE": "7", "A": {"B": [1, null]}})"}, 7},
-        {{"--in-json", R"({"HYPER_TYPE": 7})"}, -3},  // an integer stays an integer
-        {{"--in-json", R"({"HYPER_TYPE": "1"})", "--in", "HYPER_TYPE=3"}, 3},
-        // clang-format on
-    };
-    for (const auto& [inputs, type] : rows) {
-        Args args = {"call", "VirtualMachineImpl_Common_GetHypervisorType"};
-        args.insert(args.end(), inputs.begin(), inputs.end());
-        const auto r = Implvm(args);
-        EXPECT_EQ(Json::parse(r.out),
-                  (Json{{"result", std::min(type, 0)},
-                        {"outputs", type < 0 ? Json() : Json{{"HypervisorType", type}}},
-                        {"errors", Json::array()}}));
-        EXPECT_EQ(r.exitCode, type < 0 ? 1 : 0);
-        EXPECT_EQ(r.err, "");
-    }
-}
-
-TEST(ImplvmCall, MistakesGiveOneLineOnStandardErrorAndStatusTwo) {
-    const std::string type = "VirtualMachineImpl_Common_GetHypervisorType",
-                      version = "VirtualMachineImpl_Common_GetModuleVersion";
-    const std::pair<Args, std::string> rows[] = {
-        // clang-format off
-        {{}, "command"},
-        {{"call", "NoSuchMethod"}, "NoSuchMethod"},
-        {{"call", "macAddressCheck"}, "macAddressCheck"},
-        {{"call", type, "--in", "HYPER_TYPE"}, "KEY=VALUE"},
-        {{"call", type, "--in-json", "[1]"}, "object"},
-        {{"call", version, "--product-version", "latest"}, "--product-version"},
-        {{"--fail", "no code here", "call", version}, "--fail"},
-        {{"--root", "/nonexistent/root", "call", version}, "/nonexistent/root"},
-        {{"--module", "/nonexistent/lib.so", "methods"}, "/nonexistent/lib.so"},
-        // clang-format on
-    };
-    for (const auto& [args, mention] : rows) {
-        const auto r = Implvm(args);
-        EXPECT_EQ(r.exitCode, 2) << mention;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-        EXPECT_NE(r.err.find(mention), std::string::npos) << r.err;
-    }
-}
+// How inputs reach the method, and how mistakes are refused (one line on
+// standard error, status 2): tests/data/implvm_session/usage.json.
 
 // Only the outer object and 63 arrays fit. Deeper input is refused before
 // anything walks it: 30,000 levels would overflow the stack of any step that
@@ -166,47 +120,36 @@ TEST(ImplvmCall, AForkedStartAnswersOnce) {
     EXPECT_EQ(std::count(start.err.begin(), start.err.end(), '\n'), 1) << start.err;
 }
 
-// "enumerate start(argument) stop-command pause snapshot-take", "-" for none.
-std::string Summary(const implvm::ProductMethods& m) {
-    const auto name = [](const char* method) {
-        return method == nullptr ? std::string("-") : strchr(method, '_') + 1;
-    };
-    const implvm::ActionMethod &start = m.action(implvm::VmAction::kStart),
-                               &stop = m.action(implvm::VmAction::kStop);
-    const char* arguments[] = {"(id)", "(config)", "(uuid)"};
-    return name(m.enumerate) + " " + name(start.method) +
-           (start ? arguments[static_cast<int>(start.argument)] : "") + " " +
-           (stop ? (stop.command != nullptr ? stop.command : "\"\"") : "-") + " " +
-           name(m.action(implvm::VmAction::kPause).method) + " " +
-           name(m.action(implvm::VmAction::kSnapshotTake).method);
-}
-
+// Each case of tests/data/product_methods: a product and its installed
+// version, answered "enumerate start(argument) stop-command pause
+// snapshot-take", "-" for none.
 TEST(Installed, ProductVersionsPickTheMethodsWrittenForThem) {
     const implvm::Module module(IMPLVM_MODULE_PATH);
-    const auto p = implvm::Hypervisor::kParallels, f = implvm::Hypervisor::kVmWareFusion,
-               v = implvm::Hypervisor::kVirtualBox;
-    const std::tuple<implvm::Hypervisor, std::string, std::string> rows[] = {
-        // clang-format off
-        {p, "8.0.18619", "Parallels4_EnumerateVMs Parallels4_StartVM(id) - - -"},
-        {p, "9.0.24172", "Parallels4_EnumerateVMs Parallels_9_X_StartVM(config) stop Parallels_9_X_OperateVM -"},
-        {f, "3.1.4", "VmWareFusion1_EnumerateVMs VmWareFusion1_StartVM(id) \"\" - -"},
-        {f, "4.1.3", "VmWareFusion1_EnumerateVMs VmWareFusion1_StartVM(id) \"\" - VmWareFusion4_AddSnapshot"},
-        {f, "5.0.0", "VmWareFusion_5x_EnumerateVMs VmWareFusion1_StartVM(id) \"\" - VmWareFusion4_AddSnapshot"},
-        {v, "1.6.6", "- - - - -"},
-        {v, "3.2.28", "VirtualBox2_EnumerateVMs - - - -"},
-        {v, "4.3.12", "VirtualBox2_EnumerateVMs VirtualBox_4_X_StartVM(uuid) \"\" VirtualBox_4_X_PauseVM -"},
-        // clang-format on
-    };
-    for (const auto& [hypervisor, version, methods] : rows) {
+    implvm_test::CheckGoldenTable("product_methods", [&](const Json& c) {
+        const auto hypervisor =
+            *std::find_if(implvm::kHypervisors.begin(), implvm::kHypervisors.end(),
+                          [&](implvm::Hypervisor h) { return c[0] == implvm::FactsOf(h).key; });
         implvm_test::TestMachine mac;
         mac.setConsoleUser("ann", 501, "/Users/ann");
-        mac.installApp("/Applications/Any.app", implvm::FactsOf(hypervisor).bundleId, version);
+        mac.installApp("/Applications/Any.app", implvm::FactsOf(hypervisor).bundleId, c[1]);
         const implvm::Product product = implvm::FindProduct(module, hypervisor);
-        EXPECT_EQ(product.version + " " + product.appPath + " " + Summary(product.methods),
-                  version + " /Applications/Any.app " + methods);
-        EXPECT_EQ(product.served(), methods[0] != '-');
-        EXPECT_EQ(product.methods.info != nullptr, product.served());
-    }
+        EXPECT_EQ(product.version + " " + product.appPath,
+                  c[1].get<std::string>() + " /Applications/Any.app");
+        const implvm::ProductMethods& m = product.methods;
+        EXPECT_EQ(m.info != nullptr, product.served());
+        EXPECT_EQ(m.enumerate != nullptr, product.served());
+        const auto name = [](const char* method) {
+            return method == nullptr ? std::string("-") : strchr(method, '_') + 1;
+        };
+        const implvm::ActionMethod &start = m.action(implvm::VmAction::kStart),
+                                   &stop = m.action(implvm::VmAction::kStop);
+        const char* arguments[] = {"(id)", "(config)", "(uuid)"};
+        return name(m.enumerate) + " " + name(start.method) +
+               (start ? arguments[static_cast<int>(start.argument)] : "") + " " +
+               (stop ? (stop.command != nullptr ? stop.command : "\"\"") : "-") + " " +
+               name(m.action(implvm::VmAction::kPause).method) + " " +
+               name(m.action(implvm::VmAction::kSnapshotTake).method);
+    });
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Golden.h"
 #include "ImplVirtualMachine.h"
 #include "KALDO/Failpoints.h"
 #include "TestMachine.h"
@@ -64,60 +65,13 @@ std::string Pvs(const std::string& general = kXp,
 }
 
 Codes Recorded(const CallResult& r) {
-    Codes codes;
-    for (const auto& e : implvm_test::ErrorsFrom(r.errors, "ImplVirtualMachine_Parallels.cpp"))
-        codes.push_back(e.code);
-    EXPECT_EQ(codes.size(), r.errors.size()) << "records from another source file";
-    return codes;
+    return implvm_test::CodesFrom(r, "ImplVirtualMachine_Parallels.cpp");
 }
 
-// Which homes are listed: golden_parallels_test, the corpus and the
-// simulated Mac. A list that cannot be read or parsed lists none.
-TEST(ParallelsInventory, NoListIsNoVmsAndARecord) {
-    for (const auto& [failpoint, codes] :
-         {std::pair{"", Codes{-1}}, {"ParseSubstringFromStringEx@<VmHome>=-32", {-32}}}) {
-        TestMachine mac;
-        if (*failpoint)
-            mac.writeFile("/Library/Preferences/Parallels/vmdirectorylist.desktop.xml", "");
-        ASSERT_EQ(KALDO::CFailpoints::Set(failpoint), 0);
-        const CallResult r = Call(VirtualMachineImpl_Parallels4_EnumerateVMs);
-        EXPECT_EQ(r.outputs, Json::parse(R"({"VMs": []})"));
-        EXPECT_EQ(Recorded(r), codes);
-    }
-}
-
-// What config.pvs says: golden_parallels_test. Here the reading around it.
-TEST(ParallelsReader, FailuresAreRecordedAndWriteNothing) {
-    const std::string listFails = "GetDirectoryList@" + kHome + "=-4";
-    const std::string adaptersFail = "ParseSubstringFromStringEx@<NetworkAdapter>=-32";
-    // codes: the reader's record, then the method's. A missing name or OS is
-    // found before the bundle is listed, a failed adapter parse after.
-    // clang-format off
-    struct { std::string config, failpoint; Codes codes; } const rows[] = {
-        {Pvs(), "ReadFromTextFile@" + kConfig + "=-4", {-4, -4}},
-        {Pvs("<OsType>8</OsType>"), listFails, {-1, -1}},
-        {Pvs(), "GetDirectoryList@" + kHome + "=-5", {-1, -1}},
-        {Pvs(), adaptersFail, {-32, -32}},
-        {Pvs(), listFails + ";" + adaptersFail, {-4, -4}},
-    };
-    // clang-format on
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.config + row.failpoint);
-        TestMachine mac;
-        mac.writeFile(kConfig, row.config);
-        ASSERT_EQ(KALDO::CFailpoints::Set(row.failpoint), 0);
-        const CallResult r = Call(VirtualMachineImpl_Parallels4_GetVMNetwork, {{"Name", kHome}});
-        EXPECT_EQ(r.result, row.codes.back());
-        EXPECT_TRUE(r.outputs.empty()) << r.outputs;
-        EXPECT_EQ(Recorded(r), row.codes);
-    }
-}
-
-TEST(Parallels4StartVM, OpensTheBundleAndJudgesByExitStatus) {
-    TestMachine mac;
-    auto& open = mac.installTool("/usr/bin/open").respond("", 1);
-    EXPECT_EQ(Recorded(Call(VirtualMachineImpl_Parallels4_StartVM, {{"Name", kHome}})), Codes{-1});
-    EXPECT_EQ(open.invocations().at(0).args, Args{kHome});
+// Which homes are listed and what config.pvs says: golden_parallels_test.
+// The reading around it, and the 4.x start: tests/data/parallels_methods.
+TEST(Parallels4, MethodsOnTheFilesAndToolsOfACase) {
+    implvm_test::CheckGoldenTable("parallels_methods", implvm_test::RunMethodCase);
 }
 
 // A console user, Parallels' tools, its service running, one VM whose

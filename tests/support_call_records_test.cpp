@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "CallRecordsSink.h"
+#include "Golden.h"
 #include "KALDO/KALDO.h"
 #include "TestMachine.h"
 
@@ -20,23 +21,12 @@ using Kind = ToolFailure::Kind;
 
 namespace {
 
+// Each case of tests/data/error_text: what a tool printed.
 TEST(CallRecords, ErrorTextIsTheLastLinesThatHoldText) {
-    std::string accents;  // 300 two-byte characters
-    for (int i = 0; i < 300; ++i) accents += "\xC3\xA9";
-    const std::pair<std::string, std::wstring> cases[] = {
-        {"", L""},
-        {"a\nb\nc\nd\n\n \t\n", L"b\nc\nd"},
-        {"a\r\nb\r\n\r\n", L"a\nb"},
-        {"no line end", L"no line end"},
-        {"\tindented \n", L"\tindented "},
-        {"x\n" + std::string(600, 'y'), std::wstring(512, L'y')},
-        {accents, std::wstring(256, L'\u00E9')},               // 512 bytes end on a character start
-        {accents + "z", std::wstring(255, L'\u00E9') + L"z"},  // the cut skips a second byte
-    };
-    for (const auto& [text, tail] : cases)
-        EXPECT_EQ(detail::LastLines(text, CCallRecords::kErrorLines, CCallRecords::kErrorTextBytes),
-                  tail)
-            << testing::PrintToString(text);
+    implvm_test::CheckGoldenTable("error_text", [](const implvm::Json& text) {
+        return implvm_test::Narrow(detail::LastLines(
+            text.get<std::string>(), CCallRecords::kErrorLines, CCallRecords::kErrorTextBytes));
+    });
 }
 
 struct ToolAnswer {

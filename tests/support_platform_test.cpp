@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -16,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Golden.h"
 #include "KALDO/KALDO.h"
 #include "TestMachine.h"
 #include "ToolTimeLimit.h"
@@ -260,32 +262,23 @@ TEST(PropertyLists, XmlAndBinaryReadTheSameTaggedTree) {
 // What a Mac's getifaddrs reports (sdl_type, address length) and a Linux
 // machine's (sll_hatype): only Ethernet-like links are interfaces with a
 // hardware address, and such a link without one is listed as unreadable.
+// Each case of tests/data/listed_interface: system, name, type, address length.
 TEST(Network, OnlyEthernetLikeLinksAreListed) {
-    using platform::LinkTypes;
-    const LinkTypes mac = LinkTypes::kMac, gnu = LinkTypes::kLinux;
-    // clang-format off
-    const struct { LinkTypes from; const char* name; unsigned type; size_t length; int listed; } rows[] = {
-        // listed: 1 with its address, 0 as unreadable, -1 not at all
-        {mac, "en0", 0x06, 6, 1}, {mac, "awdl0", 0x06, 6, 1}, {mac, "bridge0", 0xd1, 6, 1},
-        {mac, "vlan0", 0x87, 6, 1}, {mac, "bond0", 0x88, 6, 1}, {mac, "en5", 0x06, 0, 0},
-        {mac, "utun0", 0x01, 0, -1}, {mac, "utun3", 0x01, 0, -1}, {mac, "gif0", 0x37, 0, -1},
-        {mac, "stf0", 0x39, 0, -1}, {mac, "lo0", 0x18, 0, -1}, {mac, "ppp0", 0x17, 0, -1},
-        {mac, "pktap0", 0xfe, 0, -1}, {mac, "fw0", 0x90, 8, -1}, {mac, "", 0x06, 6, -1},
-        {gnu, "eth0", 1, 6, 1}, {gnu, "br0", 1, 6, 1}, {gnu, "wlan0", 801, 6, 1},
-        {gnu, "lo", 772, 6, -1}, {gnu, "tun0", 0xfffe, 0, -1}, {gnu, "sit0", 776, 4, -1},
-        {gnu, "gre0", 778, 4, -1}, {gnu, "ib0", 32, 20, -1}, {gnu, "ppp0", 512, 0, -1},
-    };
-    // clang-format on
-    const unsigned char address[20] = {0x3C, 0x22, 0xFB, 0x6E, 0x91, 0x04};
-    for (const auto& row : rows) {
-        const auto listed =
-            platform::ListedInterface(row.from, row.name, row.type, address, row.length);
-        EXPECT_EQ(listed ? int(!listed->hardwareAddress.empty()) : -1, row.listed)
-            << row.name << " type " << row.type;
-        if (listed) {
-            EXPECT_EQ(listed->hardwareAddress.size(), row.length) << row.name;
+    implvm_test::CheckGoldenTable("listed_interface", [](const implvm::Json& c) {
+        const unsigned char address[20] = {0x3C, 0x22, 0xFB, 0x6E, 0x91, 0x04};
+        const auto listed = platform::ListedInterface(
+            c[0] == "mac" ? platform::LinkTypes::kMac : platform::LinkTypes::kLinux,
+            c[1].get<std::string>().c_str(), c[2], address, c[3]);
+        if (!listed) return implvm::Json("not listed");
+        if (listed->hardwareAddress.empty()) return implvm::Json("unreadable");
+        std::string hex;
+        for (const unsigned char byte : listed->hardwareAddress) {
+            char two[4];
+            std::snprintf(two, sizeof two, ":%02X", byte);
+            hex += two;
         }
-    }
+        return implvm::Json(hex.substr(1));
+    });
 }
 
 TEST(Network, RealInterfacesHaveUpperCaseColonAddresses) {

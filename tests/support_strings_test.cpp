@@ -8,9 +8,14 @@
 #include <memory>
 #include <random>
 
+#include "Golden.h"
 #include "KALDO/CStringUtils.h"
 #include "KALDO/Result.h"
 
+using implvm::Json;
+using implvm_test::CheckGoldenTable;
+using implvm_test::Narrow;
+using implvm_test::Widen;
 using KALDO::CStringUtils;
 using Pieces = std::vector<std::wstring>;
 
@@ -115,37 +120,13 @@ TEST(Text, NumbersTrimAndSeparate) {
 }
 
 // Markers: ASCII letters fold, nothing else does; a line feed also matches
-// "\r\n", whose carriage return never ends up in the value.
+// "\r\n", whose carriage return never ends up in the value. Each case of
+// tests/data/parse_substring: text, section, begin and end marker.
 TEST(Parse, SectionsMarkersAndPosition) {
-    const wchar_t* xml =
-        L"<Identification><VmName>Win</VmName></Identification>"
-        L"<General><OsType>9</OsType></General><VmName>late</VmName><Tail>cut";
-    // clang-format off
-    const std::array<const wchar_t*, 5> cases[] = {  // text, section, begin, end, value
-        {xml, L"<Identification>", L"<VmName>", L"</VmName>", L"Win"},
-        {xml, L"<General>", L"<VmName>", L"</VmName>", L"late"},  // begin may lie past the section
-        {xml, L"<Missing>", L"<OsType>", L"</OsType>", L""},
-        {xml, L"", L"<Tail>", L"</Tail>", L""},  // a truncated value is not returned
-        {xml, L"", L"<Tail>", L"", L"cut"},      // empty end: to the end of the text
-        {L"GUESTOS = \"RHEL5\"\r\nx", L"", L"guestOS = \"", L"\"\n", L"RHEL5"},
-        {L"<VmName>\u00C9x</VMNAME>", L"", L"<vmname>", L"</VmName>", L"\u00C9x"},
-        {L"\u00E9=1;", L"", L"\u00C9=", L";", L""}, {L"Name: \r\nX", L"", L"Name: ", L"\n", L""},
-        {L"a\r\nb=1\n", L"", L"a\nb=", L"\n", L"1"}, {L"Name: vm\rX", L"", L"Name: ", L"\n", L""},
-        {L"h\n\r\nbody\r\n\n", L"", L"\n\n", L"\n\n", L"body"},
-        {L"k=v\r\r\n", L"", L"k=", L"\n", L"v\r"},  // only one carriage return belongs to the pair
-        {L"k=v\rw\n", L"", L"k=", L"\r\n", L""},   // a marker's own "\r" needs one in the text
-        // A whole start tag also finds the element with attributes, never a longer name.
-        {L"<General dyn_lists=\"P\"><OsType>7</OsType>", L"<General>", L"<OsType>", L"</OsType>", L"7"},
-        {L"<NameX a=\"\">x</NameX><Name\r\n id=\"0\" >y</Name>", L"", L"<Name>", L"</Name>", L"y"},
-        {L"<Name/><Name a=\"1\"/><Name\t>z</Name>", L"", L"<Name>", L"</Name>", L"z"},  // empty elements start nothing
-        {L"<Name a=\"1\"", L"", L"<Name>", L"", L""},  // never closed
-        {L"<Name>v</Name x>", L"", L"<Name>", L"</Name>", L""},  // a closing tag matches only as written
-        {L"<VmUuid a=\"\">{u}</VmUuid>", L"", L"<VmUuid>{", L"}</VmUuid>", L""},  // so does any other marker
-        {L"<Identification id=\"1\"><VmUuid>{u}</VmUuid>", L"<Identification", L"<VmUuid>{", L"}", L"u"}};
-    // clang-format on
-    for (const auto& c : cases)
-        EXPECT_EQ(CStringUtils::ParseSubstringFromString(c[0], c[1], c[2], c[3], nullptr), c[4])
-            << testing::PrintToString(std::wstring(c[0])) << c[1] << c[2];
+    CheckGoldenTable("parse_substring", [](const Json& c) {
+        return Narrow(CStringUtils::ParseSubstringFromString(Widen(c[0]), Widen(c[1]), Widen(c[2]),
+                                                             Widen(c[3]), nullptr));
+    });
 
     const std::wstring text = L"NIC 1: a\nNIC 2: b\nNIC 3: c";
     std::wstring seen;  // each value, then where the next search starts

@@ -4,6 +4,9 @@
 // time).
 #include <gtest/gtest.h>
 
+#include <map>
+
+#include "Golden.h"
 #include "TextRules.h"
 
 namespace {
@@ -14,37 +17,20 @@ using ImplVm::Where;
 constexpr Where kIs = Where::kWhole, kBegins = Where::kStart, kAnyCase = Where::kStartAnyCase,
                 kIn = Where::kAnywhere, kNot = Where::kAbsent;
 
-struct Case {
-    TextRule<int> earlier, later;
-    bool shadows;
-};
-
+// Each case of tests/data/text_rule_shadowing: an earlier and a later rule,
+// each its text and where it must occur.
 TEST(TextRules, ShadowingPairs) {
-    const Case cases[] = {
-        // Swapping a key with a longer one it begins loses the longer one.
-        {{L"winxp", kAnyCase, 1}, {L"winxppro-64", kAnyCase, 2}, true},
-        {{L"winxppro-64", kAnyCase, 2}, {L"winxp", kAnyCase, 1}, false},
-        {{L"windows7", kAnyCase, 1}, {L"windows7srv", kAnyCase, 2}, true},
-        {{L"WINDOWS7", kAnyCase, 1}, {L"windows7srv", kBegins, 2}, true},
-        {{L"win2000", kAnyCase, 1}, {L"win2000", kIs, 2}, true},
-        // A repeated whole key (a row renumbered onto another).
-        {{L"2057", kIs, 1}, {L"2057", kIs, 2}, true},
-        {{L"2057", kIs, 1}, {L"20570", kIs, 2}, false},
-        {{L"win95", kIs, 1}, {L"win95x", kAnyCase, 2}, false},
-        // Exact case does not take every spelling an any-case rule does.
-        {{L"Win", kBegins, 1}, {L"Windows", kAnyCase, 2}, false},
-        {{L"Error", kBegins, 1}, {L"Error: Cannot lock VM", kBegins, 2}, true},
-        {{L"lock", kIn, 1}, {L"Error: Cannot lock VM", kBegins, 2}, true},
-        {{L"lock", kIn, 1}, {L"Error: Cannot LOCK VM", kAnyCase, 2}, false},
-        {{L"Error", kBegins, 1}, {L"Error", kIn, 2}, false},
-        // An absent text decides alone; it shadows only its own repeat.
-        {{L"error", kNot, 0}, {L"VBOX_E_INVALID_VM_STATE", kIn, 1}, false},
-        {{L"error", kNot, 0}, {L"error", kNot, 1}, true},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(ImplVm::Shadows(c.earlier, c.later), c.shadows)
-            << std::string(c.earlier.text.begin(), c.earlier.text.end()) << " / "
-            << std::string(c.later.text.begin(), c.later.text.end());
+    implvm_test::CheckGoldenTable("text_rule_shadowing", [](const implvm::Json& pair) {
+        const std::map<std::string, Where> where = {{"whole", kIs},
+                                                    {"start", kBegins},
+                                                    {"start any case", kAnyCase},
+                                                    {"anywhere", kIn},
+                                                    {"absent", kNot}};
+        const std::wstring earlier = implvm_test::Widen(pair[0][0]),
+                           later = implvm_test::Widen(pair[1][0]);
+        return ImplVm::Shadows(TextRule<int>{earlier, where.at(pair[0][1].get<std::string>()), 1},
+                               TextRule<int>{later, where.at(pair[1][1].get<std::string>()), 2});
+    });
 }
 
 TEST(TextRules, FirstMatchTriesRulesInOrder) {
