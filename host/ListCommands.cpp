@@ -134,9 +134,7 @@ void RunInfo(const std::string& given, int jobs, bool json, Host& host) {
     const Json& networkCall = vm.described["network"];
     if (json) {
         Json document = VmJson(vm.described, product.facts().key, facts);
-        document["hypervisor"] = {{"key", product.facts().key},
-                                  {"name", product.facts().name},
-                                  {"version", product.version}};
+        document["hypervisor"] = ProductJson(product);
         document["guest"] = facts.described ? Json(facts.guest) : Json(nullptr);
         document["networks"] =
             Failed(networkCall) ? Json(nullptr) : networkCall["outputs"].value("Networks", Json());

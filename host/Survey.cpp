@@ -152,6 +152,11 @@ void SurveyHypervisor(Pass& pass, WorkPool& pool, Section& section, Hypervisor h
 
 }  // namespace
 
+Json ProductJson(const Product& product) {
+    return {
+        {"key", product.facts().key}, {"name", product.facts().name}, {"version", product.version}};
+}
+
 void ListNetworks(Json& network) {
     Json& outputs = network["outputs"];
     if (outputs.is_object() && outputs.contains("Networks") && outputs["Networks"].is_null())

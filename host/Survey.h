@@ -41,6 +41,10 @@ Json CallToJson(const char* method, const CallOutcome& outcome);
 // a call's JSON.
 void ListNetworks(Json& network);
 
+// {"key", "name", "version"} of an installed product, as the VM commands'
+// and info's JSON name the VM's hypervisor.
+Json ProductJson(const Product& product);
+
 // ---- reading the document ----
 
 std::string Text(const Json& value, const char* key);

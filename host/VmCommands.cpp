@@ -64,11 +64,6 @@ std::string ProductText(const Product& product) {
     return std::string(product.facts().name) + " " + Printable(product.version);
 }
 
-Json ProductJson(const Product& product) {
-    return {
-        {"key", product.facts().key}, {"name", product.facts().name}, {"version", product.version}};
-}
-
 // The snapshot names of a list answer, each on a line of its own.
 std::vector<std::string> SnapshotNames(const KALDO::typeProperty& outputs) {
     std::vector<KALDO::typeProperty> entries;
